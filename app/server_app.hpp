@@ -1,0 +1,51 @@
+#pragma once
+// The life of the server: load the tables, start the services, run the event loop, and the
+// orderly shutdown. Used by the headless main, the desktop window and the tests.
+#include "core/server.hpp"
+#include "ftpd/ftp_server.hpp"
+#include "telnetd/telnet_server.hpp"
+
+#include <filesystem>
+#include <memory>
+
+namespace orv {
+
+class ServerApp {
+  public:
+    // `sink` takes every log line (standard output when headless).
+    ServerApp(std::filesystem::path start_dir, Log::Sink sink);
+    ~ServerApp();
+
+    Server& server() { return server_; }
+    FtpServer& ftp() { return *ftp_; }
+    TelnetServer& telnet() { return *telnet_; }
+
+    // Reads the settings and the tables and builds the tree; logs "Memory allocated - %li".
+    void load();
+    // "Starting services...", then Telnet and FTP when enabled.
+    void start_services();
+    // The title with the user count and "Ready...".
+    void ready();
+    // Everything above in order.
+    void start();
+
+    // Runs the event loop on the calling thread until request_stop().
+    void run();
+    // Thread-safe: makes run() return.
+    void request_stop();
+
+    // Stops the listeners, frees every session, waits briefly for running commands, then writes
+    // users, groups, mounts and fpl.txt in that order. Call after run() has returned (or
+    // without it ever running).
+    void shutdown();
+
+  private:
+    void stop_services();
+    void save_tables();
+    Server server_;
+    std::unique_ptr<TelnetServer> telnet_;
+    std::unique_ptr<FtpServer> ftp_;
+    bool shut_down_ = false;
+};
+
+} // namespace orv

@@ -1,0 +1,122 @@
+#include "core/conn_slot.hpp"
+
+#include "core/slot_socket.hpp"
+#include "platform/net.hpp"
+
+namespace orv {
+
+ConnSlot::ConnSlot(Service s, int socket_number) : service(s), socket(socket_number) {
+    if (s == Service::Ftp)
+        transfer_type = 'A';
+}
+
+ConnSlot::~ConnSlot() = default;
+
+std::shared_ptr<User> ConnSlot::user() const {
+    std::lock_guard lock(mutex_);
+    return user_;
+}
+
+void ConnSlot::set_user(std::shared_ptr<User> user) {
+    std::lock_guard lock(mutex_);
+    user_ = std::move(user);
+}
+
+std::shared_ptr<User> ConnSlot::checked_user() const {
+    if (!logged_in.load())
+        return nullptr;
+    return user();
+}
+
+std::shared_ptr<VfsNode> ConnSlot::cwd() const {
+    std::lock_guard lock(mutex_);
+    return cwd_;
+}
+
+void ConnSlot::set_cwd(std::shared_ptr<VfsNode> node) {
+    std::lock_guard lock(mutex_);
+    cwd_ = std::move(node);
+}
+
+void ConnSlot::queue_message(std::string_view text) {
+    std::lock_guard lock(mutex_);
+    messages_.emplace_back(text.substr(0, 80));
+}
+
+std::vector<std::string> ConnSlot::take_messages() {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> out(messages_.begin(), messages_.end());
+    messages_.clear();
+    return out;
+}
+
+std::shared_ptr<OutgoingSession> ConnSlot::outgoing() const {
+    std::lock_guard lock(mutex_);
+    return outgoing_;
+}
+
+void ConnSlot::set_outgoing(std::shared_ptr<OutgoingSession> session) {
+    std::lock_guard lock(mutex_);
+    outgoing_ = std::move(session);
+}
+
+bool ConnSlot::send_text(std::string_view text) {
+    return send_bytes(text.data(), text.size());
+}
+
+bool ConnSlot::send_bytes(const void* data, size_t size) {
+    const char* p = static_cast<const char*>(data);
+    size_t left = size;
+    int waited_ms = 0;
+    while (left > 0) {
+        int fd;
+        {
+            std::lock_guard lock(io_mutex_);
+            if (fd_ < 0)
+                return false;
+            fd = fd_;
+            ssize_t n = send_nowait(fd, p, left);
+            if (n > 0) {
+                p += n;
+                left -= static_cast<size_t>(n);
+                continue;
+            }
+            if (n < 0 && !would_block_error())
+                return false;
+        }
+        // Wait outside the lock so that a close on the event thread never waits for a slow
+        // reader; the socket is checked again under the lock before the next send.
+        if (waited_ms >= 30000)
+            return false;
+        wait_writable(fd, 100);
+        waited_ms += 100;
+    }
+    return true;
+}
+
+void ConnSlot::attach_control(std::unique_ptr<SlotSocket> s) {
+    std::lock_guard lock(io_mutex_);
+    control_ = std::move(s);
+    fd_ = control_ ? control_->socket.native_handle() : -1;
+}
+
+void ConnSlot::close_control() {
+    std::lock_guard lock(io_mutex_);
+    if (control_) {
+        asio::error_code ignored;
+        control_->socket.close(ignored);
+    }
+    fd_ = -1;
+}
+
+bool ConnSlot::control_open() const {
+    std::lock_guard lock(io_mutex_);
+    return fd_ >= 0;
+}
+
+int ConnSlot::control_fd() const {
+    std::lock_guard lock(io_mutex_);
+    return fd_;
+}
+
+} // namespace orv

@@ -1,0 +1,111 @@
+#pragma once
+// One record per accepted client connection, the same for FTP and Telnet.
+//
+// Threads: the event thread owns the control socket's reading and the input buffers; a
+// command's worker thread takes `arg_buf` when it starts (the state byte is the hand-over).
+// Fields several threads touch are atomics or sit behind the slot's mutex. Sends from any
+// thread go through send_text(), which serialises them and never writes to a socket that
+// has been closed (its number may already belong to somebody else).
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orv {
+
+struct User;
+struct VfsNode;
+struct OutgoingSession;
+struct SlotSocket;
+
+enum class Service : uint8_t { Ftp, Telnet };
+
+class ConnSlot {
+  public:
+    ConnSlot(Service service, int socket_number);
+    ~ConnSlot();
+    ConnSlot(const ConnSlot&) = delete;
+    ConnSlot& operator=(const ConnSlot&) = delete;
+
+    const Service service;
+
+    // The control socket's number as logs show it; -1 once the slot is a ghost.
+    std::atomic<int> socket;
+    // Peer IPv4 address bytes in network order (for "who"); valid when peer_known.
+    std::array<uint8_t, 4> peer{};
+    bool peer_known = false;
+
+    std::atomic<uint8_t> state{1};
+    std::atomic<uint8_t> fail_count{0}; // Telnet failed logins; FTP login refusal mark
+    std::atomic<int> ghost{0};
+    std::atomic<int> stop{0}; // non-zero: every complete-send loop of the session stops
+    std::atomic<int> hash_on{1};
+    std::atomic<int> tick_size{10240};
+    std::atomic<int> prompting{1};
+    std::atomic<char> transfer_type{0};
+    std::atomic<int> out_socket{-1};
+    // Set once the whole login (name and password) has succeeded; until then the session
+    // counts as having no user in every permission check.
+    std::atomic<bool> logged_in{false};
+    // Set when a login attempt raised the user's active-login count, so that the removal
+    // lowers it only for those (a USER without a counted login must not lower anybody's count:
+    // that would let the account exceed its login limit later).
+    std::atomic<bool> login_counted{false};
+
+    // Event thread only.
+    std::string line_buf;   // FTP command buffer / Telnet line being typed
+    std::string port_arg;   // FTP: the last accepted PORT argument
+    std::string login_name; // FTP: the name given with USER
+    uint8_t list_state = 0; // 9 while a "who" listing is being sent
+    std::weak_ptr<ConnSlot> list_cursor;
+
+    // Written before a worker starts (or under the state hand-over) and read by it.
+    std::string arg_buf;
+
+    // Shared between threads, guarded by the slot's mutex.
+    std::shared_ptr<User> user() const;
+    void set_user(std::shared_ptr<User> user);
+    // The user for permission checks: none until the login has completed.
+    std::shared_ptr<User> checked_user() const;
+    std::shared_ptr<VfsNode> cwd() const;
+    void set_cwd(std::shared_ptr<VfsNode> node);
+    // Lines queued for the user, sent before the next prompt (each cut to 80 characters).
+    void queue_message(std::string_view text);
+    std::vector<std::string> take_messages();
+    // Slot-specific extension owned by the outgoing clients.
+    std::shared_ptr<OutgoingSession> outgoing() const;
+    void set_outgoing(std::shared_ptr<OutgoingSession> session);
+
+    // Sends the whole text on the control socket (waiting a bounded time when the peer reads
+    // slowly). Returns false when the socket is closed or the peer is gone.
+    bool send_text(std::string_view text);
+    bool send_bytes(const void* data, size_t size);
+
+    // The control socket, used by the event thread to wait for readiness.
+    SlotSocket* control() { return control_.get(); }
+    void attach_control(std::unique_ptr<SlotSocket> socket);
+    // Closes the control socket (event thread). Later sends fail quietly.
+    void close_control();
+    bool control_open() const;
+    int control_fd() const;
+
+  private:
+    mutable std::mutex mutex_;
+    std::shared_ptr<User> user_;
+    std::shared_ptr<VfsNode> cwd_;
+    std::deque<std::string> messages_;
+    std::shared_ptr<OutgoingSession> outgoing_;
+
+    mutable std::mutex io_mutex_;
+    std::unique_ptr<SlotSocket> control_;
+    int fd_ = -1;
+};
+
+using SlotPtr = std::shared_ptr<ConnSlot>;
+
+} // namespace orv

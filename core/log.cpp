@@ -1,0 +1,67 @@
+#include "core/log.hpp"
+
+#include "platform/text.hpp"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace orv {
+
+void Log::set_sink(Sink sink) {
+    std::lock_guard lock(mutex_);
+    sink_ = std::move(sink);
+}
+
+void Log::set_debug_file(std::filesystem::path path) {
+    std::lock_guard lock(mutex_);
+    debug_file_ = std::move(path);
+}
+
+std::string debug_file_bytes(std::string_view text) {
+    std::string out(text);
+    if (text.find("\r\n") == std::string_view::npos)
+        out += "\r\n";
+    return out;
+}
+
+void Log::log_message(std::string_view text) {
+    std::lock_guard lock(mutex_);
+    if (!sink_)
+        return;
+    sink_(text);
+    if (debug_file_.empty())
+        return;
+    // Opened and closed per line so that nothing is lost when the process is killed.
+    FILE* f = std::fopen(debug_file_.c_str(), "a+b");
+    if (!f)
+        return;
+    std::string bytes = debug_file_bytes(text);
+    std::fwrite(bytes.data(), 1, bytes.size(), f);
+    std::fclose(f);
+}
+
+void Log::logf(const char* format, ...) {
+    char small[512];
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    int n = std::vsnprintf(small, sizeof small, format, args);
+    va_end(args);
+    if (n < 0) {
+        va_end(again);
+        return;
+    }
+    if (static_cast<size_t>(n) < sizeof small) {
+        va_end(again);
+        log_message(std::string_view(small, static_cast<size_t>(n)));
+        return;
+    }
+    std::string big(static_cast<size_t>(n) + 1, '\0');
+    std::vsnprintf(big.data(), big.size(), format, again);
+    va_end(again);
+    big.resize(static_cast<size_t>(n));
+    log_message(big);
+}
+
+} // namespace orv

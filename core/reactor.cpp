@@ -1,0 +1,46 @@
+#include "core/reactor.hpp"
+
+#include "core/server.hpp"
+#include "core/slot_socket.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+
+namespace orv {
+namespace {
+
+void arm(Server& server, const SlotPtr& slot, std::shared_ptr<ControlEvents> events) {
+    SlotSocket* s = slot->control();
+    if (!s || !slot->control_open())
+        return;
+    s->socket.async_wait(
+        asio::socket_base::wait_read, [&server, slot, events](const asio::error_code& ec) {
+            if (ec || !slot->control_open())
+                return; // closed meanwhile
+            int fd = slot->control_fd();
+            ssize_t n;
+            do {
+                n = ::recv(fd, server.recv_buffer.data(), Server::kReceiveSize, MSG_DONTWAIT);
+            } while (n < 0 && errno == EINTR);
+            if (n > 0) {
+                events->on_read(slot, server.recv_buffer.data(), static_cast<size_t>(n));
+                std::memset(server.recv_buffer.data(), 0, Server::kReceiveSize);
+                arm(server, slot, events);
+            } else if (n == 0) {
+                events->on_close(slot);
+            } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+                arm(server, slot, events);
+            } else {
+                events->on_error(slot, errno);
+            }
+        });
+}
+
+} // namespace
+
+void watch_control(Server& server, const SlotPtr& slot, ControlEvents events) {
+    arm(server, slot, std::make_shared<ControlEvents>(std::move(events)));
+}
+
+} // namespace orv

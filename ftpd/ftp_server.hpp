@@ -1,0 +1,24 @@
+#pragma once
+// The FTP service: its listener and the sessions it accepts.
+#include "core/listener.hpp"
+
+namespace orv {
+
+class Server;
+
+class FtpServer {
+  public:
+    explicit FtpServer(Server& server);
+    ~FtpServer();
+    // ftp_listen_start: logs "  FTP - Ok.  port %i" or the failure line; false on failure.
+    bool start();
+    // ftp_listen_stop: logs "  FTP - Disabled".
+    void stop();
+    bool running() const { return listener_.running(); }
+
+  private:
+    Server& server_;
+    Listener listener_;
+};
+
+} // namespace orv

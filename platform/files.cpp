@@ -1,0 +1,76 @@
+#include "platform/files.hpp"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orv {
+
+bool read_whole_file(const std::filesystem::path& path, std::string& out) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f)
+        return false;
+    out.clear();
+    char buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
+        out.append(buf, n);
+    std::fclose(f);
+    return true;
+}
+
+bool for_each_fgets_line(const std::filesystem::path& path, size_t buffer_size,
+                         const std::function<void(std::string_view)>& line) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f)
+        return false;
+    std::string buf(buffer_size, '\0');
+    while (std::fgets(buf.data(), static_cast<int>(buffer_size), f)) {
+        // fgets stops at a NUL byte in the data as far as strlen is concerned.
+        line(std::string_view(buf.c_str()));
+    }
+    std::fclose(f);
+    return true;
+}
+
+std::string_view cut_line_end(std::string_view line) {
+    size_t lf = line.find('\n');
+    if (lf != std::string_view::npos)
+        line = line.substr(0, lf);
+    if (!line.empty() && line.back() == '\r')
+        line.remove_suffix(1);
+    return line;
+}
+
+bool write_file_atomic(const std::filesystem::path& path, std::string_view content, unsigned mode) {
+    std::filesystem::path tmp = path;
+    tmp += ".tmp";
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0)
+        return false;
+    ::fchmod(fd, mode);
+    const char* p = content.data();
+    size_t left = content.size();
+    while (left > 0) {
+        ssize_t n = ::write(fd, p, left);
+        if (n < 0) {
+            ::close(fd);
+            ::unlink(tmp.c_str());
+            return false;
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    if (::fsync(fd) != 0 || ::close(fd) != 0) {
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    if (::rename(tmp.c_str(), path.c_str()) != 0) {
+        ::unlink(tmp.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace orv

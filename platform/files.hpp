@@ -1,0 +1,28 @@
+#pragma once
+// Whole-file helpers used by the table readers and writers.
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace orv {
+
+bool read_whole_file(const std::filesystem::path& path, std::string& out);
+
+// Reads a text file the way a fgets loop with a buffer of `buffer_size` bytes does: each call
+// of `line` gets at most buffer_size - 1 bytes, ending at and including a line feed when one
+// comes first (so an overlong line arrives in pieces). Returns false when the file cannot be
+// opened.
+bool for_each_fgets_line(const std::filesystem::path& path, size_t buffer_size,
+                         const std::function<void(std::string_view)>& line);
+
+// Cuts a line at its first line feed and drops a carriage return before it, so that files
+// written with either line ending read the same.
+std::string_view cut_line_end(std::string_view line);
+
+// Writes a temporary file in the same folder and renames it over `path`, so that a crash
+// never leaves a truncated table. `mode` is applied to the new file before the rename.
+bool write_file_atomic(const std::filesystem::path& path, std::string_view content,
+                       unsigned mode = 0644);
+
+} // namespace orv

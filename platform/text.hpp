@@ -1,0 +1,25 @@
+#pragma once
+// printf-style formatting and the C-like number conversions the file formats rely on.
+#include <string>
+#include <string_view>
+
+namespace orv {
+
+// The one formatting helper: every reply and log text is a printf format.
+std::string strf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// Plain decimal conversion as atoi does it: leading blanks, a sign, digits; anything else
+// stops the conversion and text that is not a number gives 0. Saturates instead of overflowing.
+long to_long(std::string_view text);
+int to_int(std::string_view text);
+
+// Removes leading and trailing blanks (only ' ', as the command parsers do).
+std::string_view trim_blanks(std::string_view text);
+
+bool contains(std::string_view text, std::string_view part);
+bool contains_any(std::string_view text, std::string_view chars);
+
+// Upper-cases ASCII letters only.
+std::string to_upper_ascii(std::string_view text);
+
+} // namespace orv
