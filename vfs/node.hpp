@@ -25,7 +25,15 @@ enum NodeStatus : uint8_t { kStatusNormal = 1, kStatusBusy = 2, kStatusUnmountin
 
 // Flag positions in VfsNode::flags.
 enum FlagIndex : int {
-    kOwnerR, kOwnerW, kOwnerX, kGroupR, kGroupW, kGroupX, kOtherR, kOtherW, kOtherX
+    kOwnerR,
+    kOwnerW,
+    kOwnerX,
+    kGroupR,
+    kGroupW,
+    kGroupX,
+    kOtherR,
+    kOtherW,
+    kOtherX
 };
 
 struct VfsNode {
@@ -39,7 +47,7 @@ struct VfsNode {
     // owner rwx, group rwx, other rwx; normally 0 or 1 (any non-zero value grants access,
     // only 1 is shown as granted in listings).
     std::array<uint8_t, 9> flags{};
-    std::shared_ptr<Group> group; // may be null
+    std::shared_ptr<Group> group;  // may be null
     std::weak_ptr<VfsNode> parent; // empty for the root and for nodes unlinked from the tree
     std::vector<std::shared_ptr<VfsNode>> children; // chain order; new children appended
 

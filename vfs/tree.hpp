@@ -7,6 +7,7 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orv {
 
@@ -17,7 +18,7 @@ class VfsTree {
     std::string home; // the server home (no trailing separator)
     NodePtr root;
     std::deque<std::shared_ptr<MountRec>> mounts; // head (newest) first
-    long directories = 0; // counted by the build and mounts
+    long directories = 0;                         // counted by the build and mounts
     long files = 0;
 
     static constexpr long kNodeRecordSize = 352;
@@ -39,7 +40,8 @@ std::string next_word(std::string& text);
 // "\data\pub" (sep '\\') or "/data/pub"; the root gives the separator alone.
 std::string node_virtual_path(const VfsNode& node, char sep);
 // The host path: the server home (or the mount's real directory) and the path below it,
-// joined with "/".
+// joined with "/". Empty when the node is no longer linked into the tree or its base
+// directory is empty, so that host operations on it fail instead of reaching a wrong file.
 std::string node_real_path(const VfsTree& tree, const VfsNode& node);
 
 // ---- Permissions (vfs/permissions.cpp) ----
@@ -47,6 +49,8 @@ std::string node_real_path(const VfsTree& tree, const VfsNode& node);
 // `user` is the session's user after a completed login, or null (which is refused).
 bool can_read(const User* user, const VfsNode& node);
 bool can_write(const User* user, const VfsNode& node);
+// The read check before a file is opened: the node's own read result decides (read permission
+// on the directories above is not needed).
 bool can_read_path(const User* user, const VfsNode& node);
 // The ownership rule of chmod/chown/chgrp: the owner, or any user with ID below 100.
 bool may_change_owner_fields(const User* user, const VfsNode& node);
@@ -63,16 +67,26 @@ NodePtr match_next(const VfsNode& node, std::string_view pattern);
 // ---- Changing the tree (vfs/tree_edit.cpp); exclusive lock ----
 
 // A name a client gives for something new must be one path component: not empty, not "." or
-// "..", no "/", "\" or NUL, at most 255 bytes.
+// "..", no "/", "\" or NUL, at most 255 bytes. Names with ":" or a line end are refused too:
+// fpl.txt could not hold them and the next start would leave them out of the tree.
 bool valid_new_name(std::string_view name);
 // Appends a new node to `dir`: it takes the directory's mount, group and flags; owner and
 // creator are `owner` (the made-up "root" when null). Counts it in the memory counter.
-NodePtr add_node(VfsTree& tree, Accounts& accounts, const NodePtr& dir, std::string name,
-                 char kind, uint32_t size, std::shared_ptr<User> owner,
-                 std::atomic<long>* memory_counter);
-// Unlinks a node from its parent's children (its subtree goes with it).
+NodePtr add_node(VfsTree& tree, Accounts& accounts, const NodePtr& dir, std::string name, char kind,
+                 uint32_t size, std::shared_ptr<User> owner, std::atomic<long>* memory_counter);
+// Unlinks a node from its parent's children (its subtree goes with it) and subtracts the
+// whole subtree from the memory counter. The node's `parent` is reset.
 void unlink_node(const NodePtr& node, std::atomic<long>* memory_counter);
 // Moves a node to the end of `dest`'s children, giving it (and its subtree) dest's mount.
-void relink_node(const NodePtr& node, const NodePtr& dest);
+// Refuses (false, nothing changed) when `dest` is the node itself or lies below it.
+bool relink_node(const NodePtr& node, const NodePtr& dest);
+// Unlinks a node like unlink_node and takes its subtree apart (every child list emptied,
+// every parent link reset), so that a session still holding one of its nodes holds that
+// node alone. The nodes are moved into `graveyard` so that the caller can drop them after
+// releasing the tree lock.
+void free_subtree(const NodePtr& node, std::atomic<long>* memory_counter,
+                  std::vector<NodePtr>& graveyard);
+// Nodes in the subtree, the node itself included.
+long count_subtree(const VfsNode& node);
 
 } // namespace orv

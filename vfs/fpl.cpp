@@ -1,0 +1,190 @@
+#include "accounts/accounts.hpp"
+#include "core/server.hpp"
+#include "platform/files.hpp"
+#include "vfs/build.hpp"
+#include "vfs/table_lines.hpp"
+#include "vfs/tree.hpp"
+
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace orv {
+
+namespace {
+
+// A name with the field separator or a line end would break its line apart.
+bool representable(const std::string& name) {
+    return name.find_first_of(":\r\n") == std::string::npos;
+}
+
+void append_line(std::string& out, const std::string& path, const VfsNode& node) {
+    out += path;
+    out += ':';
+    out += node.kind;
+    out += ':';
+    if (node.creator)
+        out += node.creator->name;
+    out += ':';
+    if (node.owner)
+        out += node.owner->name;
+    out += ':';
+    for (uint8_t flag : node.flags)
+        out += std::to_string(flag);
+    if (node.group) {
+        out += ':';
+        out += node.group->name;
+    }
+    out += '\n';
+}
+
+void append_children(std::string& out, std::string& prefix, const VfsNode& dir) {
+    for (const NodePtr& child : dir.children) {
+        if (!representable(child->name))
+            continue;
+        size_t keep = prefix.size();
+        prefix += '\\';
+        prefix += child->name;
+        append_line(out, prefix, *child);
+        append_children(out, prefix, *child);
+        prefix.resize(keep);
+    }
+}
+
+std::vector<std::string_view> split_fields(std::string_view line) {
+    std::vector<std::string_view> fields;
+    for (;;) {
+        size_t colon = line.find(':');
+        fields.push_back(line.substr(0, colon));
+        if (colon == std::string_view::npos)
+            return fields;
+        line.remove_prefix(colon + 1);
+    }
+}
+
+// Resolves fpl paths as find_node does, with a name index for large directories so that a
+// directory of many thousand files does not make start-up quadratic.
+class PathIndex {
+  public:
+    explicit PathIndex(const VfsTree& tree) : tree_(tree) {}
+
+    NodePtr find(std::string_view path) {
+        if (path.empty() || (path.front() != '\\' && path.front() != '/'))
+            return find_node(tree_, path, tree_.root);
+        NodePtr node = tree_.root;
+        path.remove_prefix(1);
+        while (node && !path.empty()) {
+            size_t end = path.find_first_of("\\/");
+            std::string_view part = path.substr(0, end);
+            path = end == std::string_view::npos ? std::string_view() : path.substr(end + 1);
+            if (part == ".")
+                continue;
+            if (part == "..") {
+                if (NodePtr up = node->parent_node())
+                    node = std::move(up);
+                continue;
+            }
+            node = child(*node, part);
+        }
+        return node;
+    }
+
+  private:
+    static constexpr size_t kIndexFrom = 64;
+
+    NodePtr child(const VfsNode& dir, std::string_view name) {
+        if (dir.children.size() < kIndexFrom)
+            return find_child(dir, name);
+        auto [it, made] = index_.try_emplace(&dir);
+        if (made)
+            for (const NodePtr& c : dir.children)
+                it->second.emplace(c->name, c); // the first of equal names wins
+        auto found = it->second.find(name);
+        return found == it->second.end() ? nullptr : found->second;
+    }
+
+    const VfsTree& tree_;
+    std::unordered_map<const VfsNode*, std::unordered_map<std::string_view, NodePtr>> index_;
+};
+
+std::shared_ptr<User> user_named(Accounts& accounts, std::string_view name) {
+    // No name means no user; an overlong one cannot be a user's.
+    if (name.empty() || name.size() > kMaxUserName)
+        return nullptr;
+    return accounts.find_or_make_user(name);
+}
+
+void apply_line(std::string_view line, PathIndex& index, Accounts& accounts,
+                std::unordered_set<const VfsNode*>& listed) {
+    std::vector<std::string_view> fields = split_fields(line);
+    if (fields.size() < 5)
+        return; // not a record: better left alone than guessed at
+    NodePtr node = index.find(fields[0]);
+    if (!node)
+        return;
+    // fields[1], the kind, always comes from the disk.
+    node->creator = user_named(accounts, fields[2]);
+    node->owner = user_named(accounts, fields[3]);
+    std::string_view flags = fields[4];
+    for (size_t i = 0; i < node->flags.size(); ++i) {
+        char c = i < flags.size() ? flags[i] : '0';
+        node->flags[i] = c >= '0' && c <= '9' ? static_cast<uint8_t>(c - '0') : 0;
+    }
+    node->group = fields.size() > 5 ? accounts.find_group(fields[5]) : nullptr;
+    listed.insert(node.get());
+}
+
+// Nodes that the list does not name (new on the disk since the last run) take what their
+// directory has.
+void inherit_unlisted(VfsNode& dir, const std::unordered_set<const VfsNode*>& listed) {
+    for (const NodePtr& child : dir.children) {
+        if (!listed.count(child.get())) {
+            child->creator = dir.creator;
+            child->owner = dir.owner;
+            child->group = dir.group;
+            child->flags = dir.flags;
+        }
+        inherit_unlisted(*child, listed);
+    }
+}
+
+} // namespace
+
+std::string fpl_text(const VfsTree& tree) {
+    std::string out;
+    if (!tree.root)
+        return out;
+    append_line(out, "\\", *tree.root);
+    std::string prefix;
+    append_children(out, prefix, *tree.root);
+    return out;
+}
+
+bool write_fpl(const Server& server) {
+    std::string text;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        if (!server.vfs || !server.vfs->root)
+            return false;
+        text = fpl_text(*server.vfs);
+    }
+    return write_file_atomic(server.table_path("fpl.txt"), text);
+}
+
+void verify_files(Server& server) {
+    auto lines = read_table_lines(server.table_path("fpl.txt"));
+    if (!lines)
+        return;
+    server.log_message("Verifying files...");
+    std::unique_lock lock(server.tree_mutex);
+    if (!server.vfs || !server.vfs->root || !server.accounts)
+        return;
+    PathIndex index(*server.vfs);
+    std::unordered_set<const VfsNode*> listed;
+    for (const std::string& line : *lines)
+        apply_line(line, index, *server.accounts, listed);
+    inherit_unlisted(*server.vfs->root, listed);
+}
+
+} // namespace orv

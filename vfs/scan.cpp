@@ -1,0 +1,213 @@
+#include "vfs/scan.hpp"
+
+#include "core/log.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace orv {
+
+namespace {
+
+constexpr size_t kMaxName = 255;
+
+// Names with these bytes cannot be told apart from path or fpl.txt syntax.
+bool name_fits_tree(std::string_view name) {
+    return name.size() <= kMaxName && name.find_first_of("\\:\r\n") == std::string_view::npos;
+}
+
+// Control bytes would break the log line apart.
+std::string printable(std::string_view text) {
+    std::string out(text);
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            c = '?';
+    return out;
+}
+
+class Scanner {
+  public:
+    Scanner(Log& log, const NodePtr& top) : log_(log), top_(top) {}
+
+    ScanCounts run(const std::string& host_dir) {
+        char* real = ::realpath(host_dir.c_str(), nullptr);
+        if (!real)
+            return counts_;
+        scope_ = real;
+        std::free(real);
+        std::string path = host_dir;
+        scan_dir(top_, path, true);
+        return counts_;
+    }
+
+  private:
+    struct SubDir {
+        NodePtr node;
+        bool via_link;
+    };
+
+    void leave_out(const char* reason, const std::string& dir, std::string_view name) {
+        log_.logf("**** Left out of the file system (%s) - %s/%s ****", reason,
+                  printable(dir).c_str(), printable(name).c_str());
+    }
+
+    bool inside_scope(const std::string& path) const {
+        char* real = ::realpath(path.c_str(), nullptr);
+        if (!real)
+            return false;
+        std::string_view target(real);
+        bool inside = scope_ == "/" || target == scope_ ||
+                      (target.size() > scope_.size() && target.starts_with(scope_) &&
+                       target[scope_.size()] == '/');
+        std::free(real);
+        return inside;
+    }
+
+    bool is_ancestor(const struct stat& st) const {
+        return std::find(ancestors_.begin(), ancestors_.end(),
+                         std::make_pair(st.st_dev, st.st_ino)) != ancestors_.end();
+    }
+
+    NodePtr make_child(const NodePtr& parent, std::string_view name, char kind, off_t size) {
+        const VfsNode& dir = *parent;
+        auto node = std::make_shared<VfsNode>();
+        node->name.assign(name);
+        node->kind = kind;
+        node->size = kind == 'd' ? 0 : static_cast<uint32_t>(size);
+        node->mount = dir.mount;
+        node->creator = dir.creator;
+        node->owner = dir.owner;
+        node->flags = dir.flags;
+        node->group = dir.group;
+        node->parent = parent;
+        if (kind == 'd')
+            ++counts_.directories;
+        else
+            ++counts_.files;
+        return node;
+    }
+
+    // Follows a link that stays inside the scanned directory: its target's kind and size.
+    // Returns 0 when the link is left out.
+    char follow_link(int dir_fd, const std::string& dir_path, const char* name, struct stat& st) {
+        if (::fstatat(dir_fd, name, &st, 0) != 0) {
+            leave_out("link leads nowhere", dir_path, name);
+            return 0;
+        }
+        if (!inside_scope(dir_path + "/" + name)) {
+            leave_out("link leads outside", dir_path, name);
+            return 0;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            if (is_ancestor(st)) {
+                leave_out("link loops", dir_path, name);
+                return 0;
+            }
+            return 'd';
+        }
+        if (S_ISREG(st.st_mode))
+            return '-';
+        leave_out("not a file or directory", dir_path, name);
+        return 0;
+    }
+
+    void scan_dir(const NodePtr& dir, std::string& path, bool via_link) {
+        int fd =
+            ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (via_link ? 0 : O_NOFOLLOW));
+        if (fd < 0)
+            return; // unreadable: the directory stays empty, as a failed find-first leaves it
+        struct stat dir_st;
+        if (::fstat(fd, &dir_st) != 0 || is_ancestor(dir_st)) {
+            ::close(fd);
+            if (!ancestors_.empty())
+                leave_out("directory loops", path, "");
+            return;
+        }
+        DIR* d = ::fdopendir(fd);
+        if (!d) {
+            ::close(fd);
+            return;
+        }
+        ancestors_.emplace_back(dir_st.st_dev, dir_st.st_ino);
+        std::vector<SubDir> subdirs;
+        while (struct dirent* e = ::readdir(d)) {
+            const char* name = e->d_name;
+            if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
+                continue;
+            std::string_view name_view(name);
+            if (!name_fits_tree(name_view)) {
+                leave_out("name not usable", path, name_view);
+                continue;
+            }
+            if (path.size() + 1 + name_view.size() >= PATH_MAX) {
+                leave_out("path too long", path, name_view);
+                continue;
+            }
+            struct stat st;
+            unsigned char type = e->d_type;
+            if (type == DT_UNKNOWN || type == DT_REG) {
+                if (::fstatat(::dirfd(d), name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                    continue; // gone since the directory was read
+                type = S_ISDIR(st.st_mode)   ? DT_DIR
+                       : S_ISREG(st.st_mode) ? DT_REG
+                       : S_ISLNK(st.st_mode) ? DT_LNK
+                                             : DT_UNKNOWN;
+            }
+            char kind = 0;
+            bool link = false;
+            off_t size = 0;
+            if (type == DT_DIR) {
+                kind = 'd';
+            } else if (type == DT_REG) {
+                kind = '-';
+                size = st.st_size;
+            } else if (type == DT_LNK) {
+                link = true;
+                kind = follow_link(::dirfd(d), path, name, st);
+                size = st.st_size;
+            } else {
+                leave_out("not a file or directory", path, name_view);
+            }
+            if (!kind)
+                continue;
+            NodePtr child = make_child(dir, name_view, kind, size);
+            if (kind == 'd')
+                subdirs.push_back({child, link});
+            dir->children.push_back(std::move(child));
+        }
+        ::closedir(d);
+
+        for (const SubDir& sub : subdirs) {
+            size_t keep = path.size();
+            if (path.empty() || path.back() != '/')
+                path += '/';
+            path += sub.node->name;
+            scan_dir(sub.node, path, sub.via_link);
+            path.resize(keep);
+        }
+        ancestors_.pop_back();
+    }
+
+    Log& log_;
+    const NodePtr& top_;
+    std::string scope_;
+    std::vector<std::pair<dev_t, ino_t>> ancestors_;
+    ScanCounts counts_;
+};
+
+} // namespace
+
+ScanCounts scan_into(Log& log, const std::string& host_dir, const NodePtr& dir) {
+    return Scanner(log, dir).run(host_dir);
+}
+
+} // namespace orv
