@@ -8,11 +8,12 @@ class Server;
 
 class TelnetServer {
   public:
+    // Also provides the shell's entry points to the code below it (server.shell).
     explicit TelnetServer(Server& server);
     ~TelnetServer();
     // start_telnet_service: logs "  Telnet - Ok.  port %i" or the failure line.
     bool start();
-    // stop_telnet_service: logs "  Telnet - Disabled".
+    // stop_telnet_service: logs "  Telnet - Disabled". Sessions already accepted go on.
     void stop();
     bool running() const { return listener_.running(); }
 

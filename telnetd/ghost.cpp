@@ -1,0 +1,104 @@
+#include "telnetd/ghost.hpp"
+
+#include "accounts/user.hpp"
+#include "client/outgoing.hpp"
+#include "core/server.hpp"
+#include "telnetd/telnet_input.hpp"
+
+#include <chrono>
+#include <thread>
+
+namespace orv::telnet {
+namespace {
+
+constexpr auto kGhostPoll = std::chrono::milliseconds(2000);
+constexpr auto kStopCheck = std::chrono::milliseconds(50);
+
+bool nothing_running(uint8_t state) {
+    return state == kStateLoginName || state == kStatePassword || state == kStateShell ||
+           state == kStateOftpIdle;
+}
+
+bool in_table(const Server& server, const SlotPtr& slot) {
+    return server.conns.find_if([&](const ConnSlot& s) { return &s == slot.get(); }) != nullptr;
+}
+
+void free_slot(Server& server, const SlotPtr& slot) {
+    server.conns.remove(slot);
+    slot->stop = 1;
+    // Only a login that raised the count lowers it again, so an account can never get more
+    // sessions than its limit by failing passwords.
+    if (slot->login_counted.exchange(false)) {
+        if (std::shared_ptr<User> user = slot->user())
+            --user->active_logins;
+    }
+    slot->take_messages();
+    client::close_outgoing(server, slot);
+    server.update_title(false);
+}
+
+// Sleeps one poll period, or less when the server stops; false when it stops.
+bool ghost_sleep(const Server& server) {
+    for (auto slept = std::chrono::milliseconds(0); slept < kGhostPoll; slept += kStopCheck) {
+        if (server.stopping)
+            return false;
+        std::this_thread::sleep_for(kStopCheck);
+    }
+    return !server.stopping;
+}
+
+// The "AutoKill" thread: waits for the command to end, then hands the removal to the event
+// thread.
+void ghost_thread(Server& server, const SlotPtr& slot) {
+    int remembered = slot->socket;
+    uint8_t state = slot->state;
+    while (state != kStateShell && state != kStateOftpConnected && state != kStateRelay) {
+        if (!ghost_sleep(server))
+            return;
+        state = slot->state;
+    }
+    if (state == kStateOftpConnected || state == kStateRelay)
+        client::ghost_logoff(server, slot);
+    server.post([&server, remembered] { close_telnet_socket(server, remembered); });
+    server.log.logf("(%i) Ghost user AutoKill thread complete", remembered);
+}
+
+} // namespace
+
+bool close_telnet_conn(Server& server, const SlotPtr& slot) {
+    if (!slot || !in_table(server, slot)) {
+        server.log.logf("Error removing user on port %i", slot ? slot->socket.load() : -1);
+        return true;
+    }
+    if (slot->ghost)
+        slot->state = kStateShell;
+    if (nothing_running(slot->state)) {
+        free_slot(server, slot);
+        return true;
+    }
+    slot->socket = -1;
+    uint8_t question = kStateQuestion;
+    slot->state.compare_exchange_strong(question, kStateAnsweredYes);
+    slot->ghost = 1;
+    slot->hash_on = 0;
+    slot->prompting = 0;
+    // Typed-ahead input dies with the client: a ghost runs no further commands.
+    slot->line_buf.clear();
+    if (server.workers.spawn([&server, slot] { ghost_thread(server, slot); }))
+        server.log.logf("(%i) Ghost user thread started", slot->socket.load());
+    else
+        server.log_message("**** Failed to create Ghost user Thread ****");
+    return false;
+}
+
+bool close_telnet_socket(Server& server, int socket) {
+    SlotPtr slot = server.conns.find_if(
+        [&](const ConnSlot& s) { return s.service == Service::Telnet && s.socket == socket; });
+    if (!slot) {
+        server.log.logf("Error removing user on port %i", socket);
+        return true;
+    }
+    return close_telnet_conn(server, slot);
+}
+
+} // namespace orv::telnet

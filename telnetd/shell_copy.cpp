@@ -1,0 +1,416 @@
+// The shell's cp: files and whole directories into an existing directory, with a wildcard
+// pattern in the source. The plan of a copy is taken under the tree lock; the host copying
+// runs without it; the new nodes are added under the lock afterwards.
+#include "accounts/user.hpp"
+#include "core/prompt.hpp"
+#include "core/server.hpp"
+#include "platform/text.hpp"
+#include "telnetd/shell_files.hpp"
+#include "telnetd/shell_paths.hpp"
+#include "vfs/tree.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <fcntl.h>
+#include <mutex>
+#include <shared_mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace orv::telnet {
+namespace {
+
+constexpr size_t kCopyChunk = 8 << 20;
+
+// One node of a copy, in pre-order: its path below the copied node, where it is on the host,
+// and the attributes the copy takes over.
+struct CopyEntry {
+    std::vector<std::string> path; // empty for the copied node itself
+    std::string source_real;
+    char kind = '-';
+    std::shared_ptr<User> owner;
+    std::shared_ptr<Group> group;
+    std::array<uint8_t, 9> flags{};
+    uint32_t size = 0;
+    bool done = false;
+};
+
+std::atomic<unsigned> temp_counter{0};
+
+class CopyJob {
+  public:
+    CopyJob(Server& server, const SlotPtr& slot)
+        : server_(server), slot_(slot), user_(slot->checked_user()), cwd_(slot->cwd()) {}
+
+    void run(std::string arg);
+
+  private:
+    void say(const std::string& text) { slot_->send_text(text); }
+    bool interrupted() const { return command_interrupted(server_, *slot_); }
+    // The front part: words, resolution, permissions, busy marks. False when it answered.
+    bool prepare(std::string arg);
+    // One source node (the single source or one match); false ends a pattern walk.
+    bool copy_item(const NodePtr& item);
+    // Plans the copy of `item` under the tree lock; empty with `refusal` set when refused.
+    std::vector<CopyEntry> plan(const NodePtr& item, std::string& refusal);
+    void execute(std::vector<CopyEntry>& entries, const std::string& name);
+    bool copy_file(const std::string& from, const std::string& to, uint32_t& size);
+    void add_nodes(const std::vector<CopyEntry>& entries, const std::string& name);
+
+    Server& server_;
+    SlotPtr slot_;
+    std::shared_ptr<User> user_;
+    NodePtr cwd_;
+    bool pattern_mode_ = false;
+    SplitPath split_;
+    NodePtr source_; // the source node, or the source directory of a pattern
+    NodePtr dest_;
+    std::string dest_real_;
+    bool dest_marked_ = false;
+};
+
+void CopyJob::run(std::string arg) {
+    if (prepare(std::move(arg))) {
+        if (!pattern_mode_) {
+            copy_item(source_);
+        } else {
+            std::vector<NodePtr> matches;
+            {
+                std::shared_lock lock(server_.tree_mutex);
+                for (NodePtr n = match_first(*source_, split_.pattern); n;
+                     n = match_next(*n, split_.pattern))
+                    matches.push_back(n);
+            }
+            if (matches.empty())
+                say("cp: No Files Match Criteria\r\n");
+            for (const NodePtr& item : matches) {
+                if (interrupted() || !copy_item(item))
+                    break;
+            }
+        }
+    }
+    if (dest_marked_)
+        dest_->status = kStatusNormal;
+}
+
+bool CopyJob::prepare(std::string arg) {
+    std::string source_word = next_word(arg);
+    if (source_word.empty()) {
+        say("cp: Copy File failed; No Source File Selected\r\n");
+        return false;
+    }
+    pattern_mode_ = has_wildcard(source_word);
+    split_ = split_at_last_backslash(source_word);
+    std::string dest_word = next_word(arg);
+    if (dest_word.empty()) {
+        say(strf("cp: Copy File failed \"%s\"; No Destination Selected\r\n", source_word.c_str()));
+        return false;
+    }
+    std::shared_lock lock(server_.tree_mutex);
+    if (!server_.vfs)
+        return false;
+    const VfsTree& tree = *server_.vfs;
+    source_ =
+        pattern_mode_ ? resolve_split_dir(tree, split_, cwd_) : find_node(tree, source_word, cwd_);
+    if (!source_) {
+        std::string where = cwd_ ? node_virtual_path(*cwd_, '\\') : std::string("\\");
+        say(strf("cp: Copy File failed \"%s\"; File does not Exist \"%s\"\r\n", source_word.c_str(),
+                 where.c_str()));
+        return false;
+    }
+    if (!can_read_path(user_.get(), *source_)) {
+        say(strf("cp: Permissions Denied \"%s\"\r\n", source_->name.c_str()));
+        return false;
+    }
+    dest_ = find_node(tree, dest_word, cwd_);
+    if (!dest_) {
+        say(strf("cp: Copy File failed \"%s\"; File does not Exist\r\n", dest_word.c_str()));
+        return false;
+    }
+    if (!can_read_path(user_.get(), *dest_) || !can_write(user_.get(), *dest_)) {
+        say("cp: Permissions Denied\r\n");
+        return false;
+    }
+    bool refused = false;
+    if (source_->status != kStatusNormal) {
+        say(strf("cp: %s; File Busy\r\n", source_->name.c_str()));
+        refused = true;
+    }
+    if (dest_->status != kStatusNormal) {
+        say(strf("cp: %s; File Busy\r\n", dest_->name.c_str()));
+        refused = true;
+    }
+    uint8_t expected = kStatusNormal;
+    if (refused || !dest_->status.compare_exchange_strong(expected, kStatusBusy))
+        return false;
+    dest_marked_ = true;
+    dest_real_ = node_real_path(tree, *dest_);
+    return true;
+}
+
+bool CopyJob::copy_item(const NodePtr& item) {
+    std::string name;
+    std::string refusal;
+    std::vector<CopyEntry> entries;
+    {
+        std::shared_lock lock(server_.tree_mutex);
+        name = item->name;
+        if (item->status == kStatusUnmounting) {
+            say(strf("cp: %s; Unmounting!\r\n", name.c_str()));
+            return false;
+        }
+        uint8_t expected = kStatusNormal;
+        if (item != dest_ && !item->status.compare_exchange_strong(expected, kStatusBusy)) {
+            say(strf("cp: %s; File Busy\r\n", name.c_str()));
+            return true;
+        }
+        entries = plan(item, refusal);
+    }
+    if (!refusal.empty()) {
+        say(refusal);
+    } else {
+        execute(entries, name);
+        add_nodes(entries, name);
+    }
+    if (item != dest_)
+        item->status = kStatusNormal;
+    return true;
+}
+
+std::vector<CopyEntry> CopyJob::plan(const NodePtr& item, std::string& refusal) {
+    const VfsTree& tree = *server_.vfs;
+    const std::string& name = item->name;
+    if (!can_read_path(user_.get(), *item)) {
+        refusal = strf("cp: Permissions Denied \"%s\"\r\n", name.c_str());
+        return {};
+    }
+    // A copy onto itself (into its own directory) or into its own subtree would destroy the
+    // source or never end.
+    if (item->parent_node() == dest_ || !item->parent_node()) {
+        refusal = strf("cp: Copy File failed \"%s\"\r\n", name.c_str());
+        return {};
+    }
+    if (is_within(dest_, item)) {
+        refusal = "cp: Copy File Failed\r\n";
+        return {};
+    }
+    // An existing copy target is overwritten only when its user may write it and nothing uses
+    // it.
+    if (NodePtr existing = find_child(*dest_, name)) {
+        if (existing->status != kStatusNormal) {
+            refusal = strf("cp: %s; File Busy\r\n", name.c_str());
+            return {};
+        }
+        if (!can_write(user_.get(), *existing)) {
+            refusal = strf("cp: Permissions Denied \"%s\"\r\n", name.c_str());
+            return {};
+        }
+    }
+    std::vector<CopyEntry> entries;
+    std::vector<std::pair<NodePtr, std::vector<std::string>>> stack{{item, {}}};
+    while (!stack.empty()) {
+        auto [node, path] = std::move(stack.back());
+        stack.pop_back();
+        CopyEntry e;
+        e.path = path;
+        e.source_real = node_real_path(tree, *node);
+        e.kind = node->kind;
+        e.owner = node->owner;
+        e.group = node->group;
+        e.flags = node->flags;
+        e.size = node->size;
+        entries.push_back(std::move(e));
+        for (auto it = node->children.rbegin(); it != node->children.rend(); ++it) {
+            std::vector<std::string> child_path = path;
+            child_path.push_back((*it)->name);
+            stack.emplace_back(*it, std::move(child_path));
+        }
+    }
+    return entries;
+}
+
+std::string join_path(const std::string& base, const std::string& name,
+                      const std::vector<std::string>& path) {
+    std::string out = base + "/" + name;
+    for (const std::string& part : path)
+        out += "/" + part;
+    return out;
+}
+
+bool make_host_dir(const std::string& path) {
+    if (::mkdir(path.c_str(), 0755) == 0)
+        return true;
+    struct stat st;
+    return errno == EEXIST && ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) {
+    if (entries.empty() || dest_real_.empty())
+        return;
+    CopyEntry& top = entries.front();
+    std::string top_target = join_path(dest_real_, name, {});
+    if (top.kind != 'd') {
+        if (!copy_file(top.source_real, top_target, top.size)) {
+            if (!interrupted())
+                say(strf("cp: Copy File failed \"%s\"\r\n", name.c_str()));
+            return;
+        }
+        top.done = true;
+        return;
+    }
+    if (!make_host_dir(top_target)) {
+        say(strf("cp: Failed to copy file \"%s\"; Create Directory Failed\r\n", name.c_str()));
+        return;
+    }
+    top.done = true;
+    // Entries are in pre-order, so a directory that failed is seen before everything below it.
+    std::vector<const std::vector<std::string>*> failed_dirs;
+    auto below_failed = [&](const std::vector<std::string>& path) {
+        for (const auto* dir : failed_dirs) {
+            if (path.size() > dir->size() && std::equal(dir->begin(), dir->end(), path.begin()))
+                return true;
+        }
+        return false;
+    };
+    for (size_t i = 1; i < entries.size(); ++i) {
+        if (interrupted())
+            return;
+        CopyEntry& e = entries[i];
+        if (below_failed(e.path))
+            continue;
+        std::string target = join_path(dest_real_, name, e.path);
+        const std::string& shown = e.path.back();
+        if (e.kind == 'd') {
+            if (!make_host_dir(target)) {
+                say(strf("cp: Copy File failed \"%s\"; Failed to Create Directory\r\n",
+                         shown.c_str()));
+                failed_dirs.push_back(&e.path);
+                continue;
+            }
+        } else if (!copy_file(e.source_real, target, e.size)) {
+            if (interrupted())
+                return;
+            say(strf("cp: Copy File Failed \"%s\"\r\n", shown.c_str()));
+            continue;
+        }
+        e.done = true;
+    }
+}
+
+// Copies a host file through a temporary file beside the target, so that an interrupted
+// copy never leaves a half-written file in place of the one that was there.
+bool CopyJob::copy_file(const std::string& from, const std::string& to, uint32_t& size) {
+    if (from.empty())
+        return false;
+    int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0)
+        return false;
+    struct stat st;
+    if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(in);
+        return false;
+    }
+    std::string dir = to.substr(0, to.rfind('/'));
+    std::string temp = strf("%s/.orvane-cp-%d-%u.tmp", dir.c_str(), static_cast<int>(::getpid()),
+                            temp_counter.fetch_add(1));
+    int out = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (out < 0) {
+        ::close(in);
+        return false;
+    }
+    bool ok = true;
+    uint64_t total = 0;
+    std::vector<char> buffer;
+    for (;;) {
+        if (interrupted()) {
+            ok = false;
+            break;
+        }
+        ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, kCopyChunk, 0);
+        if (n < 0 &&
+            (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+            // Fall back to plain reads and writes.
+            buffer.resize(1 << 20);
+            n = ::read(in, buffer.data(), buffer.size());
+            for (ssize_t put = 0; n > 0 && put < n;) {
+                ssize_t w = ::write(out, buffer.data() + put, static_cast<size_t>(n - put));
+                if (w <= 0) {
+                    n = -1;
+                    break;
+                }
+                put += w;
+            }
+        }
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            ok = false;
+            break;
+        }
+        if (n == 0)
+            break;
+        total += static_cast<uint64_t>(n);
+    }
+    ::close(in);
+    if (::close(out) != 0)
+        ok = false;
+    if (ok && ::rename(temp.c_str(), to.c_str()) != 0)
+        ok = false;
+    if (!ok) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    size = static_cast<uint32_t>(total);
+    return true;
+}
+
+void CopyJob::add_nodes(const std::vector<CopyEntry>& entries, const std::string& name) {
+    if (entries.empty() || !entries.front().done)
+        return;
+    std::unique_lock lock(server_.tree_mutex);
+    if (!server_.vfs || !server_.accounts)
+        return;
+    // The destination may have left the tree while the copy ran.
+    if (dest_ != server_.vfs->root && !dest_->parent_node())
+        return;
+    auto place = [&](const NodePtr& dir, const std::string& child_name,
+                     const CopyEntry& e) -> NodePtr {
+        NodePtr node = find_child(*dir, child_name);
+        if (!node) {
+            node = add_node(*server_.vfs, *server_.accounts, dir, child_name, e.kind, e.size,
+                            e.owner, &server_.memory_allocated);
+            if (!node)
+                return nullptr;
+            node->owner = e.owner;
+            node->group = e.group;
+            node->flags = e.flags;
+        } else if (!node->is_dir()) {
+            node->size = e.size;
+        }
+        return node;
+    };
+    NodePtr top = place(dest_, name, entries.front());
+    if (!top)
+        return;
+    for (size_t i = 1; i < entries.size(); ++i) {
+        const CopyEntry& e = entries[i];
+        if (!e.done)
+            continue;
+        NodePtr dir = top;
+        for (size_t k = 0; dir && k + 1 < e.path.size(); ++k)
+            dir = find_child(*dir, e.path[k]);
+        if (dir)
+            place(dir, e.path.back(), e);
+    }
+}
+
+} // namespace
+
+void cp_thread(Server& server, const SlotPtr& slot, std::string arg) {
+    CopyJob(server, slot).run(std::move(arg));
+    server.log.logf("(%i) cp thread complete", slot->socket.load());
+    send_shell_prompt(server, slot);
+}
+
+} // namespace orv::telnet
