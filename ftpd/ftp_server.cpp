@@ -1,18 +1,21 @@
 #include "ftpd/ftp_server.hpp"
 
 #include "core/server.hpp"
+#include "ftpd/control_connection.hpp"
 
 namespace orv {
 
-FtpServer::FtpServer(Server& server) : server_(server), listener_(server, "FTP") {}
+FtpServer::FtpServer(Server& server)
+    : server_(server), ctx_(std::make_shared<FtpContext>(server)), listener_(server, "FTP") {}
 
 FtpServer::~FtpServer() = default;
 
 bool FtpServer::start() {
-    return listener_.start(server_.settings.ftp_port, [](asio::ip::tcp::socket socket, int) {
-        asio::error_code ignored;
-        socket.close(ignored);
-    });
+    FtpContextPtr ctx = ctx_;
+    return listener_.start(server_.settings.ftp_port,
+                           [ctx](asio::ip::tcp::socket socket, int socket_number) {
+                               open_session(ctx, std::move(socket), socket_number);
+                           });
 }
 
 void FtpServer::stop() {

@@ -1,6 +1,7 @@
 #pragma once
 // The FTP service: its listener and the sessions it accepts.
 #include "core/listener.hpp"
+#include "ftpd/ftp_context.hpp"
 
 namespace orv {
 
@@ -18,6 +19,7 @@ class FtpServer {
 
   private:
     Server& server_;
+    FtpContextPtr ctx_;
     Listener listener_;
 };
 

@@ -1,0 +1,109 @@
+#include "ftpd/control_connection.hpp"
+
+#include "accounts/user.hpp"
+#include "core/reactor.hpp"
+#include "core/server.hpp"
+#include "core/slot_socket.hpp"
+#include "ftpd/dispatcher.hpp"
+#include "ftpd/replies.hpp"
+#include "platform/net.hpp"
+
+#include <cstring>
+
+namespace orv {
+
+std::string take_command_line(std::string& buffer) {
+    if (buffer.find("\r\n") == std::string::npos)
+        return {};
+    size_t end = buffer.find_first_of("\r\n");
+    std::string line = buffer.substr(0, end);
+    buffer.erase(0, std::min(buffer.size(), end + 2));
+    return line;
+}
+
+namespace {
+
+void close_after(FtpContext& ctx, const SlotPtr& slot) {
+    int socket = slot->socket;
+    close_session(ctx, slot);
+    ctx.server.log.logf("FTP Close port %i", socket);
+    slot->close_control();
+}
+
+} // namespace
+
+void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number) {
+    Server& server = ctx->server;
+    auto slot = std::make_shared<ConnSlot>(Service::Ftp, socket_number);
+    uint32_t addr = 0;
+    int port = 0;
+    if (peer_ipv4(socket_number, addr, port)) {
+        std::memcpy(slot->peer.data(), &addr, sizeof addr);
+        slot->peer_known = true;
+    }
+    slot->attach_control(std::make_unique<SlotSocket>(std::move(socket)));
+    server.conns.add(slot);
+    ctx->last_accepted = slot;
+    // The greeting goes out whatever the number of clients: the limits apply at login.
+    slot->send_text(ftp_text::kGreeting);
+    server.update_title();
+
+    ControlEvents events;
+    events.on_read = [ctx](const SlotPtr& s, const char* data, size_t size) {
+        on_control_read(ctx, s, data, size);
+    };
+    events.on_close = [ctx](const SlotPtr& s) { close_after(*ctx, s); };
+    events.on_error = [ctx](const SlotPtr& s, int) {
+        ctx->server.log.logf("Unknown WSAAsyncSelect on port %i", s->socket.load());
+        close_after(*ctx, s);
+    };
+    watch_control(server, slot, std::move(events));
+}
+
+bool close_session(FtpContext& ctx, const SlotPtr& slot) {
+    Server& server = ctx.server;
+    if (!server.conns.remove(slot)) {
+        server.log.logf("Error removing user on port %i", slot->socket.load());
+        return true;
+    }
+    if (slot->stop == 1)
+        slot->state = 3;
+    // Only a login that raised the count lowers it: a bare USER must not push it down.
+    if (slot->login_counted.exchange(false)) {
+        if (std::shared_ptr<User> user = slot->user())
+            --user->active_logins;
+    }
+    slot->send_text(ftp_text::kGoodbyeBanner);
+    slot->send_text(ftp_text::kGoodbye);
+    server.update_title();
+    return true;
+}
+
+void on_control_read(const FtpContextPtr& ctx, const SlotPtr& slot, const char* data, size_t size) {
+    Server& server = ctx->server;
+    std::string& buffer = slot->line_buf;
+    if (size + buffer.size() >= kCommandBufferLimit) {
+        // The notice goes to the newest session, which is not always the offender; clients
+        // have long seen it that way.
+        if (SlotPtr newest = ctx->last_accepted.lock())
+            newest->send_text(ftp_text::kOverflow);
+        close_after(*ctx, slot);
+        return;
+    }
+    // The buffer holds text: bytes after a NUL in one read never reach it.
+    buffer.append(data, strnlen(data, size));
+    std::string line = take_command_line(buffer);
+    int socket = slot->socket;
+    if (!line.empty()) {
+        if (slot->state == 2)
+            server.log.logf("(%i) <password>", socket);
+        else
+            server.log.logf("(%i) %s", socket, line.c_str());
+        ftp_dispatch(ctx, slot, std::move(line));
+    } else if (slot->state != 3) {
+        server.log.logf("(%i) <nothing>", socket);
+        ftp_dispatch(ctx, slot, std::string());
+    }
+}
+
+} // namespace orv

@@ -1,0 +1,29 @@
+#pragma once
+// FTP control connections: the session made at accept with its greeting, the cutting of the
+// byte stream into command lines, and the ways a session ends. Event thread only.
+#include "ftpd/ftp_context.hpp"
+
+#include <asio/ip/tcp.hpp>
+#include <string>
+
+namespace orv {
+
+// A line is refused when the buffered text and one read together reach this many bytes.
+constexpr size_t kCommandBufferLimit = 240;
+
+// Takes the next command line out of `buffer` once it holds "\r\n": the text before the first
+// carriage return or line feed; the buffer then loses the line and the two characters after
+// it. Without "\r\n" the buffer stays and the line is empty.
+std::string take_command_line(std::string& buffer);
+
+// Makes the session for an accepted socket, greets it and starts reading its commands.
+void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number);
+
+// ftp_conn_close: unlinks the session, lowers the login count it raised, sends the 221 lines
+// and rewrites the title. The caller logs its close line and closes the socket. Always true.
+bool close_session(FtpContext& ctx, const SlotPtr& slot);
+
+// The bytes of one read event on a session's control socket.
+void on_control_read(const FtpContextPtr& ctx, const SlotPtr& slot, const char* data, size_t size);
+
+} // namespace orv

@@ -1,0 +1,281 @@
+#include "ftpd/transfers.hpp"
+
+#include "accounts/accounts.hpp"
+#include "core/server.hpp"
+#include "ftpd/data_connection.hpp"
+#include "ftpd/replies.hpp"
+#include "platform/net.hpp"
+#include "platform/text.hpp"
+#include "vfs/tree.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <memory>
+#include <shared_mutex>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orv {
+
+double transfer_seconds(std::chrono::steady_clock::duration elapsed) {
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
+    if (ms <= 0)
+        ms = 1;
+    return static_cast<double>(ms) / 1000.0;
+}
+
+std::string rate_line(int socket, long long bytes, double seconds, const char* verb) {
+    return strf("(%i) %lli bytes %s in %.2f seconds (%.2f Kbytes/sec)", socket, bytes, verb,
+                seconds, static_cast<double>(bytes) / 1024.0 / seconds);
+}
+
+namespace {
+
+// Blocking calls on the data socket wake up every second, so that a stop request or a client
+// that has gone quiet for good ends the loop.
+void set_wakeups(int fd) {
+    timeval tv{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
+
+constexpr size_t kBlock = 256 * 1024;
+
+// The copy loop for what sendfile cannot take.
+long long copy_by_blocks(int file_fd, int data_fd, TransferStop stop) {
+    auto block = std::make_unique<char[]>(kBlock);
+    long long total = 0;
+    for (;;) {
+        ssize_t n = ::read(file_fd, block.get(), kBlock);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        if (!send_all(data_fd, block.get(), static_cast<size_t>(n), stop.session, kDataIdleLimitMs))
+            break;
+        total += n;
+        if (stop.requested())
+            break;
+    }
+    return total;
+}
+
+bool write_all(int fd, const char* p, size_t size) {
+    while (size > 0) {
+        ssize_t n = ::write(fd, p, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+} // namespace
+
+long long send_file(const std::string& path, int data_fd, TransferStop stop) {
+    // Non-blocking open, so that a FIFO in the tree cannot hold the thread; only regular files
+    // are sent.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return 0;
+    struct stat st {};
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return 0;
+    }
+    set_wakeups(data_fd);
+    long long total = 0;
+    int idle_ms = 0;
+    while (!stop.requested()) {
+        ssize_t n = ::sendfile(data_fd, fd, nullptr, 1 << 24);
+        if (n > 0) {
+            total += n;
+            idle_ms = 0;
+            continue;
+        }
+        if (n == 0)
+            break;
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN) {
+            idle_ms += 1000;
+            if (idle_ms >= kDataIdleLimitMs)
+                break;
+            continue;
+        }
+        if ((errno == EINVAL || errno == ENOSYS) && total == 0)
+            total = copy_by_blocks(fd, data_fd, stop);
+        break;
+    }
+    ::close(fd);
+    return total;
+}
+
+long long receive_file(int data_fd, const std::string& path, TransferStop stop, bool& opened) {
+    opened = false;
+    int fd = ::open(path.c_str(),
+                    O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+    if (fd < 0)
+        return 0;
+    opened = true;
+    set_wakeups(data_fd);
+    auto block = std::make_unique<char[]>(kBlock);
+    long long total = 0;
+    int idle_ms = 0;
+    while (!stop.requested()) {
+        ssize_t n = ::recv(data_fd, block.get(), kBlock, 0);
+        if (n > 0) {
+            total += n;
+            idle_ms = 0;
+            if (!write_all(fd, block.get(), static_cast<size_t>(n)))
+                break;
+            continue;
+        }
+        if (n == 0)
+            break;
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            idle_ms += 1000;
+            if (idle_ms >= kDataIdleLimitMs)
+                break;
+            continue;
+        }
+        break;
+    }
+    ::close(fd);
+    return total;
+}
+
+void retr_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& job) {
+    Server& server = ctx->server;
+    std::shared_ptr<User> user = slot->checked_user();
+    const char* reply = nullptr;
+    NodePtr node;
+    std::string real;
+    long long size = 0;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        NodePtr cwd = slot->cwd();
+        if (cwd && server.vfs)
+            node = find_child(*cwd, job.arg);
+        if (!node) {
+            reply = ftp_text::kNoSuchFile;
+        } else if (!can_read_path(user.get(), *node)) {
+            reply = ftp_text::kPermissionsDenied;
+        } else {
+            real = node_real_path(*server.vfs, *node);
+            size = node->size;
+            ctx->busy.acquire(node);
+        }
+    }
+    if (reply) {
+        finish_command(*slot, reply);
+        log_thread_complete(server, job.socket, "RETR");
+        return;
+    }
+
+    int data = open_data_connection(server, *slot, job.port_arg, job.type, size);
+    if (data >= 0) {
+        auto start = std::chrono::steady_clock::now();
+        long long bytes = send_file(real, data, {&slot->stop, &server.stopping});
+        auto end = std::chrono::steady_clock::now();
+        close_fd(data);
+        // Both types send the bytes as they are; only the wording of the log line differs.
+        server.log_message(rate_line(job.socket, bytes, transfer_seconds(end - start),
+                                     job.type == 'A' ? "sent" : "received"));
+        ctx->busy.release(node);
+        finish_command(*slot, ftp_text::kTransferComplete);
+    } else {
+        ctx->busy.release(node);
+        slot->state = 3;
+    }
+    log_thread_complete(server, job.socket, "RETR");
+}
+
+void stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& job) {
+    Server& server = ctx->server;
+    std::shared_ptr<User> user = slot->checked_user();
+    const std::string& name = job.arg;
+    const char* reply = nullptr;
+    NodePtr cwd;
+    NodePtr existing;
+    std::string real;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        cwd = slot->cwd();
+        if (!cwd || !server.vfs) {
+            reply = ftp_text::kNoSuchFile;
+        } else {
+            existing = find_child(*cwd, name);
+            // A new name must be one plain component; a file that is being transferred is
+            // not overwritten under its reader.
+            bool allowed = can_write(user.get(), *cwd) &&
+                           (existing ? can_write(user.get(), *existing) &&
+                                           existing->status.load() == kStatusNormal
+                                     : valid_new_name(name));
+            if (!allowed) {
+                reply = ftp_text::kPermissionsDenied;
+            } else {
+                real = existing ? node_real_path(*server.vfs, *existing)
+                                : child_real_path(*server.vfs, *cwd, name);
+                if (existing)
+                    ctx->busy.acquire(existing);
+            }
+        }
+    }
+    if (reply) {
+        finish_command(*slot, reply);
+        log_thread_complete(server, job.socket, "STOR");
+        return;
+    }
+
+    int data = open_data_connection(server, *slot, job.port_arg, job.type, -1);
+    if (data < 0) {
+        if (existing)
+            ctx->busy.release(existing);
+        slot->state = 3;
+        log_thread_complete(server, job.socket, "STOR");
+        return;
+    }
+    // Text and binary uploads are stored alike: Linux has no line-end translation to apply.
+    bool opened = false;
+    auto start = std::chrono::steady_clock::now();
+    long long bytes = receive_file(data, real, {&slot->stop, &server.stopping}, opened);
+    auto end = std::chrono::steady_clock::now();
+    close_fd(data);
+    server.log_message(rate_line(job.socket, bytes, transfer_seconds(end - start), "received"));
+
+    // The tree learns of the file before the 226 goes out, so the client's next listing
+    // shows it.
+    bool in_tree = true;
+    if (opened) {
+        std::unique_lock lock(server.tree_mutex);
+        uint32_t size = static_cast<uint32_t>(bytes);
+        if (existing) {
+            existing->size = size;
+        } else if (NodePtr raced = find_child(*cwd, name)) {
+            if (!raced->is_dir())
+                raced->size = size; // another session stored the same name meanwhile
+        } else {
+            in_tree = add_node(*server.vfs, *server.accounts, cwd, name, '-', size, user,
+                               &server.memory_allocated) != nullptr;
+        }
+    }
+    if (existing)
+        ctx->busy.release(existing);
+    if (in_tree) {
+        finish_command(*slot, ftp_text::kTransferComplete);
+    } else {
+        slot->send_text(ftp_text::kTransferComplete);
+        finish_command(*slot, ftp_text::kNotAddedToTree);
+    }
+    log_thread_complete(server, job.socket, "STOR");
+}
+
+} // namespace orv
