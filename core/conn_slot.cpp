@@ -94,6 +94,16 @@ bool ConnSlot::send_bytes(const void* data, size_t size) {
     return true;
 }
 
+long ConnSlot::send_some(const void* data, size_t size) {
+    std::lock_guard lock(io_mutex_);
+    if (fd_ < 0)
+        return -1;
+    ssize_t n = send_nowait(fd_, data, size);
+    if (n < 0)
+        return would_block_error() ? 0 : -1;
+    return static_cast<long>(n);
+}
+
 void ConnSlot::attach_control(std::unique_ptr<SlotSocket> s) {
     std::lock_guard lock(io_mutex_);
     control_ = std::move(s);

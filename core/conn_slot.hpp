@@ -85,6 +85,9 @@ class ConnSlot {
     // slowly). Returns false when the socket is closed or the peer is gone.
     bool send_text(std::string_view text);
     bool send_bytes(const void* data, size_t size);
+    // One non-blocking send on the control socket: the bytes that went (0 when none could),
+    // or -1 when the socket is closed or failed. For relays that queue what cannot go yet.
+    long send_some(const void* data, size_t size);
 
     // The control socket, used by the event thread to wait for readiness.
     SlotSocket* control() { return control_.get(); }

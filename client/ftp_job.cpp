@@ -1,0 +1,333 @@
+#include "client/ftp_job.hpp"
+
+#include "client/ftp_replies.hpp"
+#include "client/progress.hpp"
+#include "core/prompt.hpp"
+#include "core/server.hpp"
+#include "platform/net.hpp"
+#include "platform/text.hpp"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace orv::client {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Data moves in large blocks; the hash marks and counts do not depend on the block size.
+constexpr size_t kDataBlock = 64 * 1024;
+
+} // namespace
+
+FtpJob::FtpJob(Server& s, SlotPtr sl, SessionPtr se)
+    : server(s), slot(std::move(sl)), session(std::move(se)), link([this] {
+          std::lock_guard lock(session->mutex);
+          return session->link;
+      }()) {}
+
+int FtpJob::user_socket() const {
+    return slot->socket.load();
+}
+
+std::shared_ptr<User> FtpJob::user() const {
+    return slot->checked_user();
+}
+
+int FtpJob::reply_timeout_ms() const {
+    std::lock_guard lock(session->mutex);
+    return session->reply_timeout_ms;
+}
+
+bool FtpJob::alive() const {
+    if (server.stopping.load())
+        return false;
+    std::lock_guard lock(session->mutex);
+    return session->link == link && (!link || link->is_open());
+}
+
+void FtpJob::set(uint8_t state) {
+    {
+        std::lock_guard lock(session->mutex);
+        if (session->link != link || (link && !link->is_open()))
+            return;
+        slot->state = state;
+    }
+    session->state_changed.notify_all();
+}
+
+void FtpJob::enter_transfer() {
+    {
+        std::lock_guard lock(session->mutex);
+        if (session->link != link || (link && !link->is_open()))
+            return;
+        if (slot->state.load() == kTransferDone)
+            return;
+        if (session->early_226) {
+            session->early_226 = false;
+            slot->state = kTransferDone;
+        } else {
+            slot->state = kTransfer;
+        }
+    }
+    session->state_changed.notify_all();
+}
+
+bool FtpJob::command(std::string_view text, uint8_t state) {
+    if (!link)
+        return false;
+    {
+        std::lock_guard lock(session->mutex);
+        if (session->link != link || !link->is_open())
+            return false;
+        session->early_226 = false;
+        session->last_code = 0;
+        slot->state = state;
+    }
+    return link->send_all(text);
+}
+
+uint8_t FtpJob::wait_while(uint8_t state) {
+    auto deadline = Clock::now() + std::chrono::milliseconds(reply_timeout_ms());
+    std::unique_lock lock(session->mutex);
+    for (;;) {
+        uint8_t now = slot->state.load();
+        if (now != state)
+            return now;
+        if (session->link != link || (link && !link->is_open()) || server.stopping.load())
+            return 0;
+        if (Clock::now() >= deadline) {
+            lock.unlock();
+            log(strf("(%i) no reply from the remote server", user_socket()));
+            return 0;
+        }
+        session->state_changed.wait_for(lock, std::chrono::milliseconds(100));
+    }
+}
+
+bool FtpJob::refused() const {
+    std::lock_guard lock(session->mutex);
+    return session->last_code >= 400;
+}
+
+void FtpJob::say(std::string_view text) const {
+    if (!text.empty())
+        slot->send_text(text);
+}
+
+void FtpJob::log(std::string_view text) const {
+    server.log_message(text);
+}
+
+void FtpJob::finish(const std::string& log_line) const {
+    log(log_line);
+    // Under the session lock, so that a close of the connection either happens before (and
+    // the user is at the shell prompt already) or after the client prompt.
+    std::lock_guard lock(session->mutex);
+    if (session->link == link && (!link || link->is_open()))
+        send_oftp_prompt(server, slot);
+}
+
+void FtpJob::finish(const char* name, int number) const {
+    finish(strf("(%i) outgoing ftp %s thread complete", number, name));
+}
+
+int FtpJob::open_data_port() {
+    uint32_t addr = 0;
+    int control_port = 0;
+    if (!link || !link->local_address(addr, control_port))
+        return -1;
+    int fd = tcp_socket();
+    if (fd < 0)
+        return -1;
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = addr;
+    sa.sin_port = 0;
+    socklen_t len = sizeof sa;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
+        close_fd(fd);
+        return -1;
+    }
+    if (::listen(fd, 5) != 0) {
+        log(strf("%i", errno));
+        close_fd(fd);
+        return -1;
+    }
+    const auto* b = reinterpret_cast<const unsigned char*>(&addr);
+    int port = ntohs(sa.sin_port);
+    std::string text =
+        strf("PORT %d,%d,%d,%d,%d,%d\r\n", b[0], b[1], b[2], b[3], port >> 8, port & 0xff);
+    command(text, kPortSent);
+    return fd;
+}
+
+int FtpJob::accept_data(int listen_fd) {
+    uint32_t expected = 0;
+    int ignored_port = 0;
+    bool check_peer = link && link->peer_address(expected, ignored_port);
+    auto deadline = Clock::now() + std::chrono::milliseconds(reply_timeout_ms());
+    while (Clock::now() < deadline) {
+        if (!alive())
+            return -1;
+        if (!wait_readable(listen_fd, 100))
+            continue;
+        sockaddr_in sa{};
+        socklen_t len = sizeof sa;
+        int fd = ::accept4(listen_fd, reinterpret_cast<sockaddr*>(&sa), &len, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == EAGAIN || errno == ECONNABORTED)
+                continue;
+            return -1;
+        }
+        // Only the server we talk to may deliver the data.
+        if (check_peer && sa.sin_addr.s_addr != expected) {
+            close_fd(fd);
+            continue;
+        }
+        return fd;
+    }
+    log(strf("(%i) no data connection from the remote server", user_socket()));
+    return -1;
+}
+
+bool FtpJob::type_to_ascii() {
+    if (slot->transfer_type.load() == 'A')
+        return false;
+    command("TYPE A\r\n", kCommandSent);
+    wait_while(kCommandSent);
+    return true;
+}
+
+void FtpJob::type_back(bool switched) {
+    if (!switched || !alive())
+        return;
+    command("TYPE I\r\n", kCommandSent);
+    wait_while(kCommandSent);
+}
+
+long FtpJob::receive_file(int data_fd, int file_fd) {
+    HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
+    std::vector<char> block(kDataBlock);
+    int idle_limit = reply_timeout_ms();
+    int idle = 0;
+    bool write_ok = true;
+    WallTime start = wall_now();
+    for (;;) {
+        if (server.stopping.load())
+            break;
+        if (!wait_readable(data_fd, 100)) {
+            idle += 100;
+            if (idle >= idle_limit)
+                break;
+            continue;
+        }
+        idle = 0;
+        ssize_t n = ::recv(data_fd, block.data(), block.size(), 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        for (ssize_t done = 0; write_ok && done < n;) {
+            ssize_t w = ::write(file_fd, block.data() + done, static_cast<size_t>(n - done));
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w <= 0) {
+                // Keep reading so that the server finishes the transfer and the session stays
+                // in step; the short file is reported once.
+                write_ok = false;
+                log(strf("(%i) local write failed", user_socket()));
+                break;
+            }
+            done += w;
+        }
+        say(marks.add(n));
+    }
+    say(marks.finish());
+    close_fd(data_fd);
+    WallTime end = wall_now();
+    std::string line = rate_line(user_socket(), marks.total(), elapsed_seconds(start, end), true);
+    log(line);
+    say(line + "\r\n");
+    return marks.total();
+}
+
+long FtpJob::send_file(int data_fd, int file_fd) {
+    HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
+    std::vector<char> block(kDataBlock);
+    int idle_limit = reply_timeout_ms();
+    WallTime start = wall_now();
+    for (;;) {
+        ssize_t n = ::read(file_fd, block.data(), block.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            break;
+        if (server.stopping.load() ||
+            !orv::send_all(data_fd, block.data(), static_cast<size_t>(n), nullptr, idle_limit))
+            break;
+        say(marks.add(n));
+    }
+    say(marks.finish());
+    ::shutdown(data_fd, SHUT_WR);
+    close_fd(data_fd);
+    WallTime end = wall_now();
+    std::string line = rate_line(user_socket(), marks.total(), elapsed_seconds(start, end), false);
+    log(line);
+    say(line + "\r\n");
+    return marks.total();
+}
+
+bool FtpJob::confirm(const std::string& question) {
+    if (slot->ghost.load())
+        return true;
+    say(question);
+    set(kQuestion);
+    post_pending_line(server, slot);
+    std::unique_lock lock(session->mutex);
+    for (;;) {
+        uint8_t now = slot->state.load();
+        if (now != kQuestion || slot->ghost.load())
+            return now == kAnswerYes;
+        if (session->link != link || (link && !link->is_open()) || server.stopping.load())
+            return false;
+        session->state_changed.wait_for(lock, std::chrono::milliseconds(250));
+    }
+}
+
+char FtpJob::wait_key(bool announce) {
+    if (slot->ghost.load() || !alive())
+        return 'Q';
+    set(kMorePage);
+    if (announce)
+        say("-MORE-");
+    post_pending_line(server, slot);
+    for (;;) {
+        if (slot->ghost.load() || !alive())
+            return 'Q';
+        if (slot->state.load() != kMorePage) {
+            const std::string& key = slot->arg_buf;
+            return key.empty() ? '\0' : key[0];
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    }
+}
+
+bool spawn_job(Server& server, const SlotPtr& slot, const SessionPtr& session, const char* name,
+               void (*body)(FtpJob&, std::string), std::string arg) {
+    auto job = std::make_shared<FtpJob>(server, slot, session);
+    bool ok = server.workers.spawn(
+        [job, body, arg = std::move(arg)]() mutable { body(*job, std::move(arg)); });
+    if (!ok)
+        server.log.logf("**** Failed to create oftp %s Thread ****", name);
+    return ok;
+}
+
+} // namespace orv::client

@@ -1,0 +1,133 @@
+#include "client/ftp_replies.hpp"
+
+#include "platform/text.hpp"
+
+#include <algorithm>
+#include <initializer_list>
+
+namespace orv::client {
+namespace {
+
+bool one_of(int code, std::initializer_list<int> codes) {
+    return std::find(codes.begin(), codes.end(), code) != codes.end();
+}
+
+// A listing or transfer whose end was announced in the same piece as its start.
+bool holds_226(std::string_view piece) {
+    return piece.find("\r\n226 ") != std::string_view::npos;
+}
+
+} // namespace
+
+int reply_code(std::string_view piece) {
+    return to_int(piece.substr(0, 3));
+}
+
+bool ends_crlf(std::string_view piece) {
+    return piece.size() >= 2 && piece.substr(piece.size() - 2) == "\r\n";
+}
+
+bool is_wait_state(uint8_t state) {
+    return state == kPortSent || state == kListSent || state == kListing || state == kCommandSent ||
+           state == kTransfer;
+}
+
+uint8_t classify_reply(uint8_t state, int code, std::string_view piece) {
+    switch (state) {
+    case kPortSent:
+        if (one_of(code, {200, 500, 501, 530}))
+            return holds_226(piece) ? kTransferDone : kPortAccepted;
+        if (code == 421)
+            return kCommandFailed;
+        return state;
+    case kListSent:
+        if (one_of(code, {125, 150, 250, 500, 501, 502, 530}))
+            return holds_226(piece) ? kTransferDone : kListing;
+        if (one_of(code, {421, 425, 426, 450, 451, 550}))
+            return kCommandFailed;
+        return state;
+    case kListing:
+    case kTransfer:
+        return code == 226 ? static_cast<uint8_t>(kTransferDone) : state;
+    case kCommandSent:
+        // A small file's "150" and "226" often arrive together; without this the thread
+        // would wait for a "226" that has already gone by.
+        if (one_of(code, {110, 125, 150}) && holds_226(piece))
+            return kTransferDone;
+        if (one_of(code, {110, 125, 150, 200, 226, 250, 257}))
+            return kCommandDone;
+        if (one_of(code, {421, 425, 426, 450, 451, 500, 501, 502, 530, 550, 553}))
+            return kCommandFailed;
+        return state;
+    default:
+        return state;
+    }
+}
+
+LoginStep login_step(uint8_t state, int code, bool crlf) {
+    LoginStep step;
+    switch (state) {
+    case kGreeting:
+        if (code == 220) {
+            step.state = kUserAsked;
+            step.ask = crlf ? Ask::User : Ask::None;
+            step.post_pending = true;
+        } else if (code == 120 || code == 421) {
+            step.state = kIdle;
+            step.prompt = true;
+        }
+        break;
+    case kUserAsked:
+        if (code == 331) {
+            step.state = kPasswordAsked;
+            step.ask = Ask::Password;
+            step.post_pending = true;
+        } else if (code == 230) {
+            step.state = kBusy;
+            step.logged_in = true;
+            step.start_ascii = crlf;
+        } else if (code == 332) {
+            step.state = kAccountAsked;
+            step.ask = Ask::Account;
+            step.post_pending = true;
+        } else if (one_of(code, {120, 421, 500, 501, 530, 550})) {
+            step.state = kIdle;
+            step.prompt = true;
+        } else {
+            step.state = kUserAsked;
+            step.ask = crlf ? Ask::User : Ask::None;
+        }
+        break;
+    case kPasswordAsked:
+        step.cr_first = true;
+        if (code == 230) {
+            step.state = kBusy;
+            step.logged_in = true;
+            step.start_ascii = true;
+        } else if (code == 332) {
+            step.state = kAccountAsked;
+            step.ask = Ask::Account;
+            step.post_pending = true;
+        } else if (one_of(code, {202, 421, 500, 501, 503, 530})) {
+            step.state = kIdle;
+            step.prompt = true;
+        }
+        break;
+    case kAccountAsked:
+        step.cr_first = true;
+        if (code == 230 || code == 502) {
+            step.state = kBusy;
+            step.logged_in = true;
+            step.start_ascii = true;
+        } else if (one_of(code, {202, 421, 500, 501, 503, 530})) {
+            step.state = kIdle;
+            step.prompt = true;
+        }
+        break;
+    default:
+        break;
+    }
+    return step;
+}
+
+} // namespace orv::client

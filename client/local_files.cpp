@@ -1,0 +1,229 @@
+#include "client/local_files.hpp"
+
+#include "accounts/accounts.hpp"
+#include "accounts/user.hpp"
+#include "core/server.hpp"
+#include "platform/text.hpp"
+#include "vfs/tree.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <mutex>
+#include <shared_mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orv::client {
+namespace {
+
+// Marks a node busy while a transfer uses it, unless somebody else has marked it.
+NodePtr mark_busy(const NodePtr& node) {
+    uint8_t expected = kStatusNormal;
+    if (node && node->status.compare_exchange_strong(expected, kStatusBusy))
+        return node;
+    return nullptr;
+}
+
+void unmark_busy(NodePtr& node) {
+    if (node) {
+        uint8_t expected = kStatusBusy;
+        node->status.compare_exchange_strong(expected, kStatusNormal);
+        node = nullptr;
+    }
+}
+
+} // namespace
+
+NodePtr resolve_local_dir(Server& server, const NodePtr& cwd, std::string_view path) {
+    std::shared_lock lock(server.tree_mutex);
+    if (!server.vfs)
+        return nullptr;
+    NodePtr dir = path.empty() ? cwd : find_node(*server.vfs, path, cwd);
+    return dir && dir->is_dir() ? dir : nullptr;
+}
+
+LocalName split_local_name(Server& server, const NodePtr& cwd, std::string_view local) {
+    LocalName out;
+    size_t cut = local.rfind('\\');
+    if (cut == std::string_view::npos) {
+        out.dir = cwd;
+        out.name = std::string(local);
+        return out;
+    }
+    out.dir_text = std::string(local.substr(0, cut));
+    out.name = std::string(local.substr(cut + 1));
+    out.dir = resolve_local_dir(server, cwd, cut == 0 ? std::string_view("\\") : out.dir_text);
+    return out;
+}
+
+ReceiveTarget::~ReceiveTarget() {
+    close();
+}
+
+OpenResult ReceiveTarget::open(Server& server, const User* user, const NodePtr& dir,
+                               const std::string& name) {
+    NodePtr existing;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        if (!server.vfs || !dir || !valid_new_name(name))
+            return OpenResult::Denied;
+        existing = find_child(*dir, name);
+        // A new file needs the directory's write permission, as a stored file does on the
+        // FTP side; an existing one its own.
+        if (existing ? existing->is_dir() || !can_write(user, *existing) : !can_write(user, *dir))
+            return OpenResult::Denied;
+        std::string base = node_real_path(*server.vfs, *dir);
+        if (base.empty())
+            return OpenResult::Failed;
+        real_path_ = base + "/" + name;
+    }
+    if (existing) {
+        busy_ = mark_busy(existing);
+        if (!busy_)
+            return OpenResult::Denied; // in use by another transfer, or being unmounted
+    }
+    // O_NOFOLLOW: a host link that the tree left out must not lead the write elsewhere.
+    fd_ = ::open(real_path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd_ >= 0) {
+        created_ = true;
+    } else if (errno == EEXIST) {
+        fd_ = ::open(real_path_.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+    }
+    if (fd_ < 0) {
+        unmark_busy(busy_);
+        return OpenResult::Failed;
+    }
+    return OpenResult::Ok;
+}
+
+void ReceiveTarget::begin() {
+    begun_ = true;
+    if (fd_ >= 0 && ::ftruncate(fd_, 0) != 0)
+        return;
+}
+
+void ReceiveTarget::close() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+        if (created_ && !begun_)
+            ::unlink(real_path_.c_str());
+    }
+    unmark_busy(busy_);
+}
+
+bool add_received_file(Server& server, const std::shared_ptr<User>& user, const NodePtr& dir,
+                       const std::string& name, const std::string& real_path) {
+    uint32_t size = 0;
+    struct stat st {};
+    if (::stat(real_path.c_str(), &st) == 0)
+        size = static_cast<uint32_t>(st.st_size);
+    std::unique_lock lock(server.tree_mutex);
+    if (!server.vfs || !server.accounts || !dir)
+        return false;
+    NodePtr node = find_child(*dir, name);
+    if (node && node->is_dir())
+        return true; // a directory of that name appeared meanwhile: leave it alone
+    if (!node)
+        node = add_node(*server.vfs, *server.accounts, dir, name, '-', size, user,
+                        &server.memory_allocated);
+    if (!node)
+        return false;
+    // A received file starts afresh: the user owns it, rwxr-xr-x, no group.
+    node->size = size;
+    node->kind = '-';
+    node->mount = dir->mount;
+    node->creator = user;
+    node->owner = user;
+    node->group = nullptr;
+    node->flags = {1, 1, 1, 1, 0, 1, 1, 0, 1};
+    node->status = kStatusNormal;
+    return true;
+}
+
+SendSource::~SendSource() {
+    close();
+}
+
+OpenResult SendSource::open(Server& server, const User* user, const NodePtr& dir,
+                            const std::string& name) {
+    NodePtr node;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        if (dir)
+            node = find_child(*dir, name);
+    }
+    return open(server, user, node);
+}
+
+OpenResult SendSource::open(Server& server, const User* user, const NodePtr& node) {
+    std::string real;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        if (node && !can_read_path(user, *node))
+            return OpenResult::Denied;
+        // Only files the tree knows are sent: a host file it left out (a link leading
+        // outside, a name it cannot hold) stays out of reach.
+        if (!node || node->is_dir() || !server.vfs)
+            return OpenResult::Failed;
+        real = node_real_path(*server.vfs, *node);
+    }
+    if (real.empty())
+        return OpenResult::Failed;
+    // Read-write on purpose, as the client always opened its source.
+    fd_ = ::open(real.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd_ < 0)
+        return OpenResult::Failed;
+    busy_ = mark_busy(node);
+    return OpenResult::Ok;
+}
+
+void SendSource::close() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+    unmark_busy(busy_);
+}
+
+std::string change_local_dir(Server& server, ConnSlot& slot, std::string arg) {
+    std::string word = next_word(arg);
+    std::shared_ptr<User> owner = slot.checked_user();
+    const User* user = owner.get();
+    std::shared_lock lock(server.tree_mutex);
+    if (!server.vfs || !server.vfs->root)
+        return strf("%s: does not exist\r\n", word.c_str());
+    const VfsTree& tree = *server.vfs;
+    NodePtr cwd = slot.cwd();
+    if (!cwd)
+        cwd = tree.root;
+    NodePtr target;
+    if (word.empty()) {
+        target = user ? find_node(tree, user->home_dir, tree.root) : nullptr;
+        if (!target || !target->is_dir())
+            target = cwd;
+    } else if (word == ".") {
+        target = cwd;
+    } else if (word == "..") {
+        target = cwd->parent_node();
+        if (!target)
+            return strf("%s: does not exist\r\n", word.c_str());
+        if (!can_read(user, *target))
+            return strf("%s: permission denied\r\n", word.c_str());
+    } else if (word == "/" || word == "\\") {
+        target = tree.root;
+    } else {
+        bool is_path = word.find_first_of("/\\") != std::string::npos;
+        target = is_path ? find_node(tree, word, cwd) : find_child(*cwd, word);
+        if (!target)
+            return strf("%s: does not exist\r\n", word.c_str());
+        if (!target->is_dir())
+            return strf("%s: not a directory\r\n", word.c_str());
+        if (!can_read(user, *target))
+            return strf("%s: permission denied\r\n", word.c_str());
+    }
+    slot.set_cwd(target);
+    return strf("Local directory now: %s\r\n", node_virtual_path(*target, '\\').c_str());
+}
+
+} // namespace orv::client
