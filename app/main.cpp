@@ -82,7 +82,7 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    bool desktop = want_desktop(*options);
+    [[maybe_unused]] bool desktop = want_desktop(*options);
     orv::InstanceLock lock(start_dir);
     if (!lock.held()) {
 #ifdef ORVANE_HAVE_DESKTOP
