@@ -1,0 +1,50 @@
+#pragma once
+// The Server Settings dialog's rules without the dialog: the checks of a Save in their order
+// and texts, writing settings.ini, and starting, stopping or restarting the listeners.
+#include <optional>
+#include <string>
+
+namespace orv {
+
+class Server;
+class ServerApp;
+
+// The dialog's fields as typed.
+struct SettingsForm {
+    std::string serverhome;
+    std::string maxusers;
+    bool telnet = false;
+    std::string telnet_port;
+    bool ftp = false;
+    std::string ftp_port;
+};
+
+enum class SettingsField { Home, MaxUsers, TelnetPort, FtpPort };
+
+struct SettingsRefusal {
+    std::string text; // shown in a box titled "Error"
+    SettingsField focus;
+};
+
+inline constexpr const char* kHomeChangeInfo =
+    "Server home directory change will take\r\neffect next time you start the server";
+
+// What the dialog shows when it opens: the values in use, except the home directory, which is
+// the one last saved (a new home only takes effect at the next start, and a later Save must
+// not quietly put the old one back).
+SettingsForm current_settings_form(const Server& server);
+
+// The first check that fails, in the dialog's order, or nothing.
+std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form);
+
+// Max Users as the dialog reads it: a signed 16-bit value.
+int16_t form_max_users(const SettingsForm& form);
+
+// Event thread, after the checks passed: Max Users takes effect and the six keys are
+// written. True when the home directory differs from the one in use (the "INFO!" box).
+bool save_settings_form(Server& server, const SettingsForm& form);
+// Event thread, after save_settings_form: a service whose on/off state changed is started or
+// stopped; one that stays on with a new port is stopped and started again. Sessions stay.
+void apply_service_settings(ServerApp& app, const SettingsForm& form);
+
+} // namespace orv
