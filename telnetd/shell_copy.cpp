@@ -303,11 +303,13 @@ void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) 
 bool CopyJob::copy_file(const std::string& from, const std::string& to, uint32_t& size) {
     if (from.empty())
         return false;
-    int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking open: a FIFO in the tree must not hang the command.
+    int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (in < 0)
         return false;
     struct stat st;
-    if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode) ||
+        ::fcntl(in, F_SETFL, ::fcntl(in, F_GETFL) & ~O_NONBLOCK) != 0) {
         ::close(in);
         return false;
     }

@@ -9,10 +9,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace orv::telnet {
 namespace {
@@ -40,6 +43,23 @@ std::string pageable_path(Server& server, const SlotPtr& slot, const std::string
     if (!node || node->is_dir() || !can_read_path(user.get(), *node))
         return {};
     return node_real_path(*server.vfs, *node);
+}
+
+// Opens a regular file for reading; a FIFO or device in the tree must not hang the pager.
+std::FILE* open_text_file(const std::string& real) {
+    if (real.empty())
+        return nullptr;
+    int fd = ::open(real.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return nullptr;
+    struct stat st;
+    std::FILE* file = nullptr;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0)
+        file = ::fdopen(fd, "r");
+    if (!file)
+        ::close(fd);
+    return file;
 }
 
 // Waits for the key that the event thread hands over through the state (28 to 29) and the
@@ -112,8 +132,7 @@ void page_file(Server& server, const SlotPtr& slot, std::FILE* file) {
 
 void more_thread(Server& server, const SlotPtr& slot, std::string arg) {
     std::string real = pageable_path(server, slot, next_word(arg));
-    std::unique_ptr<std::FILE, FileCloser> file(real.empty() ? nullptr
-                                                             : std::fopen(real.c_str(), "re"));
+    std::unique_ptr<std::FILE, FileCloser> file(open_text_file(real));
     if (!file)
         slot->send_text("more failed: Permissions Denied\r\n");
     else
