@@ -1,0 +1,310 @@
+// Transfers, listings and file-system commands of the FTP service over loopback sockets.
+#include "accounts/accounts.hpp"
+#include "core/server.hpp"
+#include "ftp_test_client.hpp"
+#include "ftpd/listing.hpp"
+#include "vfs/tree.hpp"
+
+#include <gtest/gtest.h>
+#include <shared_mutex>
+#include <thread>
+
+using namespace orv;
+using namespace orv::test;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string pattern_bytes(size_t size) {
+    std::string out(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        out[i] = static_cast<char>((i * 131 + i / 7) & 0xff);
+    return out;
+}
+
+// home/: pub (open to all) with two files and sub/, and locked (owner only).
+class FtpFiles : public ::testing::Test {
+  protected:
+    FtpFiles()
+        : server({}, [](TempDir& d) {
+              d.write("home/pub/hello.bin", pattern_bytes(1234));
+              d.write("home/pub/notes.txt", "line one\nline two\r\n");
+              d.write("home/pub/sub/inner.txt", "i");
+              d.write("home/locked/x.txt", "x");
+          }) {
+        set_mode("\\pub", "rwxrwxrwx");
+        set_mode("\\pub\\hello.bin", "rw-r--r--");
+        set_mode("\\pub\\notes.txt", "rw-rw-rw-");
+        set_mode("\\pub\\sub", "rwxr-xr-x");
+        set_mode("\\pub\\sub\\inner.txt", "rw-r--r--");
+        set_mode("\\locked", "rwx------");
+        c.open(server.ftp_port());
+        c.login("demo", "demo-pass");
+        socket = socket_of_last_client();
+    }
+
+    void set_mode(const std::string& path, const std::string& mode) {
+        std::unique_lock lock(server.server().tree_mutex);
+        NodePtr n = find_node(*server.server().vfs, path, server.server().vfs->root);
+        ASSERT_TRUE(n) << path;
+        for (size_t i = 0; i < 9; ++i)
+            n->flags[i] = mode[i] != '-';
+    }
+    NodePtr node(const std::string& path) {
+        std::shared_lock lock(server.server().tree_mutex);
+        return find_node(*server.server().vfs, path, server.server().vfs->root);
+    }
+    std::string owner_of(const std::string& path) {
+        NodePtr n = node(path);
+        std::shared_lock lock(server.server().tree_mutex);
+        return n && n->owner ? n->owner->name : "<none>";
+    }
+    int socket_of_last_client() {
+        int s = -1;
+        for (const std::string& l : server.log_lines())
+            if (l.rfind("FTP Connect from 127.0.0.1 port ", 0) == 0)
+                s = std::stoi(l.substr(32));
+        return s;
+    }
+    bool wait_log(const std::string& text_after_socket) {
+        return server.wait_for_log("(" + std::to_string(socket) + ") " + text_after_socket);
+    }
+    bool log_starts(const std::string& prefix) {
+        for (const std::string& l : server.log_lines())
+            if (l.rfind(prefix, 0) == 0)
+                return true;
+        return false;
+    }
+
+    TestServer server;
+    FtpClient c;
+    int socket = -1;
+};
+
+} // namespace
+
+TEST_F(FtpFiles, RetrInBothTypes) {
+    ASSERT_EQ(c.cmd("CWD pub"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("TYPE I"), "200 TYPE set to I\r\n");
+    auto t = c.download("RETR hello.bin");
+    EXPECT_EQ(t.preliminary, "150 Opening BINARY mode data connection (1234 bytes)\r\n");
+    EXPECT_EQ(t.data, pattern_bytes(1234));
+    EXPECT_EQ(t.final_reply, "226 Transfer complete\r\n");
+    EXPECT_TRUE(wait_log("RETR thread complete"));
+    // The binary loop's log line says "received" although it sends.
+    EXPECT_TRUE(log_starts("(" + std::to_string(socket) + ") 1234 bytes received in "));
+
+    // ASCII sends the bytes unchanged; "a" means binary.
+    EXPECT_EQ(c.cmd("TYPE A"), "200 TYPE set to A\r\n");
+    t = c.download("RETR notes.txt");
+    EXPECT_EQ(t.preliminary, "150 Opening ASCII mode data connection (19 bytes)\r\n");
+    EXPECT_EQ(t.data, "line one\nline two\r\n");
+    EXPECT_TRUE(log_starts("(" + std::to_string(socket) + ") 19 bytes sent in "));
+    EXPECT_EQ(c.cmd("TYPE a"), "200 TYPE set to a\r\n");
+    EXPECT_EQ(c.download("RETR notes.txt").preliminary,
+              "150 Opening BINARY mode data connection (19 bytes)\r\n");
+    EXPECT_EQ(c.cmd("TYPE i"), "500 'TYPE i': command not understood\r\n");
+
+    EXPECT_EQ(c.download("RETR missing").preliminary, "550 No such file or directory\r\n");
+    EXPECT_EQ(c.download("RETR sub/inner.txt").preliminary, "550 No such file or directory\r\n");
+    set_mode("\\pub\\notes.txt", "rw--w--w-");
+    EXPECT_EQ(c.download("RETR notes.txt").preliminary, "550 Permissions denied\r\n");
+}
+
+TEST_F(FtpFiles, DataConnectionsGoOnlyToTheClient) {
+    c.cmd("CWD pub");
+    // Another address (even on this host) is refused like a connect that failed.
+    DataListener elsewhere("127.0.0.2");
+    EXPECT_EQ(c.cmd("PORT " + elsewhere.port_arg()), "200 Port Command OK.\r\n");
+    EXPECT_EQ(c.cmd("RETR hello.bin"), "150 Opening ASCII mode data connection (1234 bytes)\r\n");
+    EXPECT_TRUE(server.wait_for_log("Data Connection failed!"));
+    EXPECT_TRUE(wait_log("RETR thread complete"));
+    EXPECT_FALSE(elsewhere.accept(200ms));
+    EXPECT_EQ(c.read_quiet(200ms), "");
+
+    // A client that does not listen gets the 150 line and nothing else.
+    int closed_port = free_port();
+    EXPECT_EQ(c.cmd("PORT 127,0,0,1," + std::to_string(closed_port / 256) + "," +
+                    std::to_string(closed_port % 256)),
+              "200 Port Command OK.\r\n");
+    EXPECT_EQ(c.cmd("LIST"), "150 Opening ASCII mode data connection\r\n");
+    EXPECT_TRUE(wait_log("LIST thread complete"));
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/pub\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("PORT 127,0,0,1,1,2,3,4,5,6,7,8,9"),
+              "500 Syntax Error, Command not understood.\r\n");
+}
+
+TEST_F(FtpFiles, StorAddsFilesOwnedByTheUploader) {
+    c.cmd("CWD pub");
+    auto t = c.upload("STOR up load.txt", "uploaded\r\n");
+    EXPECT_EQ(t.preliminary, "150 Opening ASCII mode data connection\r\n");
+    EXPECT_EQ(t.final_reply, "226 Transfer complete\r\n");
+    EXPECT_TRUE(wait_log("STOR thread complete"));
+    EXPECT_TRUE(log_starts("(" + std::to_string(socket) + ") 10 bytes received in "));
+    EXPECT_EQ(server.dir().read("home/pub/up load.txt"), "uploaded\r\n");
+    EXPECT_EQ(owner_of("\\pub\\up load.txt"), "demo");
+    EXPECT_EQ(node("\\pub\\up load.txt")->size, 10u);
+    EXPECT_NE(c.download("NLST").data.find("up load.txt\r\n"), std::string::npos);
+
+    // Overwriting keeps one node and announces the new size.
+    c.cmd("TYPE I");
+    std::string big = pattern_bytes(1 << 20);
+    EXPECT_EQ(c.upload("STOR up load.txt", big).final_reply, "226 Transfer complete\r\n");
+    t = c.download("RETR up load.txt");
+    EXPECT_EQ(t.preliminary, "150 Opening BINARY mode data connection (1048576 bytes)\r\n");
+    EXPECT_TRUE(t.data == big);
+    std::string listing = c.download("NLST").data;
+    EXPECT_EQ(listing.find("up load.txt"), listing.rfind("up load.txt"));
+
+    // Only a plain new name in a writable directory.
+    for (const char* name : {"../escape.txt", "..", "a\\b", ""})
+        EXPECT_EQ(c.upload(std::string("STOR ") + name, "x").preliminary,
+                  "550 Permissions denied\r\n")
+            << name;
+    c.cmd("CDUP");
+    EXPECT_EQ(c.upload("STOR rooted.txt", "x").preliminary, "550 Permissions denied\r\n");
+    EXPECT_FALSE(fs::exists(server.home() / "rooted.txt"));
+    EXPECT_FALSE(fs::exists(server.home().parent_path() / "escape.txt"));
+}
+
+TEST_F(FtpFiles, FilesInTransferAreNotDeletedOrOverwritten) {
+    server.dir().write("home/pub/large.bin", pattern_bytes(48 << 20));
+    {
+        std::unique_lock lock(server.server().tree_mutex);
+        NodePtr pub = find_node(*server.server().vfs, "\\pub", server.server().vfs->root);
+        add_node(*server.server().vfs, *server.server().accounts, pub, "large.bin", '-', 48 << 20,
+                 nullptr, nullptr);
+    }
+    set_mode("\\pub\\large.bin", "rw-rw-rw-");
+    c.cmd("CWD pub");
+    c.cmd("TYPE I");
+    DataListener data;
+    c.cmd("PORT " + data.port_arg());
+    EXPECT_EQ(c.cmd("RETR large.bin"),
+              "150 Opening BINARY mode data connection (50331648 bytes)\r\n");
+    ASSERT_TRUE(data.accept());
+    // Not reading: the sender stays in the middle of the file.
+    FtpClient other;
+    other.open(server.ftp_port());
+    other.login("admin", "admin-pass");
+    other.cmd("CWD pub");
+    EXPECT_EQ(other.cmd("DELE large.bin"), "550 Permissions denied (delete failed)\r\n");
+    EXPECT_EQ(other.upload("STOR large.bin", "x").preliminary, "550 Permissions denied\r\n");
+    EXPECT_EQ(node("\\pub\\large.bin")->status.load(), kStatusBusy);
+
+    auto got = data.read_all();
+    ASSERT_TRUE(got);
+    EXPECT_EQ(got->size(), 48u << 20);
+    EXPECT_EQ(c.line(), "226 Transfer complete\r\n");
+    EXPECT_EQ(node("\\pub\\large.bin")->status.load(), kStatusNormal);
+    EXPECT_EQ(other.cmd("DELE large.bin"), "250 DELE command ok.\r\n");
+    EXPECT_FALSE(fs::exists(server.home() / "pub" / "large.bin"));
+}
+
+TEST_F(FtpFiles, LongAndNameListings) {
+    c.cmd("CWD pub");
+    std::string hello = "-rw-r--r--     root     <none>         1234 Jan  1  1998 hello.bin\r\n";
+    std::string notes = "-rw-rw-rw-     root     <none>           19 Jan  1  1998 notes.txt\r\n";
+    std::string sub = "drwxr-xr-x     root     <none>            0 Jan  1  1998 sub\r\n";
+
+    auto t = c.download("LIST");
+    EXPECT_EQ(t.preliminary, "150 Opening ASCII mode data connection\r\n");
+    EXPECT_EQ(t.final_reply, "226 Transfer complete\r\n");
+    EXPECT_EQ(t.data.size(), hello.size() + notes.size() + sub.size());
+    for (const std::string& l : {hello, notes, sub})
+        EXPECT_NE(t.data.find(l), std::string::npos) << l;
+    EXPECT_EQ(c.download("LIST -l").data, t.data);
+    EXPECT_TRUE(wait_log("LIST thread complete"));
+
+    EXPECT_EQ(c.download("LIST *.txt").data, notes);
+    EXPECT_EQ(c.download("LIST sub").data,
+              "drwxr-xr-x     root     <none>            0 Jan  1  1998 .\r\n"
+              "drwxrwxrwx     root     <none>            0 Jan  1  1998 ..\r\n"
+              "-rw-r--r--     root     <none>            1 Jan  1  1998 inner.txt\r\n");
+    EXPECT_EQ(c.download("NLST sub").data, ".\r\n..\r\ninner.txt\r\n");
+    EXPECT_EQ(c.download("NLST *.bin").data, "hello.bin\r\n");
+    EXPECT_TRUE(wait_log("NLST thread complete"));
+
+    // Nothing to show: a 550 and no 150 line.
+    EXPECT_EQ(c.download("LIST nomatch").preliminary,
+              "550 nomatch: No such file or directory.\r\n");
+    c.cmd("MKD empty");
+    c.cmd("CWD empty");
+    EXPECT_EQ(c.download("NLST").preliminary, "550 *.*: No such file or directory.\r\n");
+    c.cmd("CDUP");
+    set_mode("\\pub", "rwx-wx-wx");
+    EXPECT_EQ(c.download("LIST").preliminary, "550 Permission denied\r\n");
+}
+
+TEST_F(FtpFiles, ChangingDirectories) {
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("CDUP"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("XPWD"), "257 \"/\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("CWD \\pub/sub"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/pub/sub\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("CDUP"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/pub\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("XCWD sub"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("CWD missing"), "550 missing; No such file or directory\r\n");
+    EXPECT_EQ(c.cmd("CWD inner.txt"), "550 inner.txt; No such file or directory\r\n");
+    EXPECT_EQ(c.cmd("CWD /locked"), "550 /locked; Permission denied\r\n");
+    set_mode("\\pub", "rwx--x--x");
+    EXPECT_EQ(c.cmd("CDUP"), "550 ; Permission denied\r\n");
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/pub/sub\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("CWD /"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/\" is current directory.\r\n");
+    // CWD writes no thread line of its own.
+    for (const std::string& l : server.log_lines())
+        EXPECT_EQ(l.find("CWD thread complete"), std::string::npos);
+}
+
+TEST_F(FtpFiles, MakingAndRemovingDirectories) {
+    c.cmd("CWD pub");
+    EXPECT_EQ(c.cmd("MKD newdir"), "257 \"newdir\" directory created.\r\n");
+    EXPECT_TRUE(wait_log("MKD thread complete"));
+    EXPECT_TRUE(fs::is_directory(server.home() / "pub" / "newdir"));
+    EXPECT_EQ(owner_of("\\pub\\newdir"), "demo");
+    EXPECT_EQ(c.cmd("XMKD newdir"), "550 mkdir: Failed; \"newdir\" File already exists\r\n");
+    EXPECT_EQ(c.cmd("MKD \"newdir\\deep\""), "257 \"newdir\\deep\" directory created.\r\n");
+    EXPECT_EQ(c.cmd("MKD nope\\x"), "550 mkdir: Failed; No such file or directory \"nope\\x\"\r\n");
+    EXPECT_EQ(c.cmd("MKD /rootdir"), "550 mkdir: Permissions Denied\r\n");
+    EXPECT_EQ(c.cmd("MKD ..\\..\\..\\escape"), "550 mkdir: Permissions Denied\r\n");
+    EXPECT_EQ(c.cmd("MKD"), "550 mkdir: Failed; No such file or directory \"\"\r\n");
+    EXPECT_FALSE(fs::exists(server.home().parent_path() / "escape"));
+
+    EXPECT_EQ(c.cmd("RMD newdir"), "550 rmdir: Failed to remove directory \"\"; Not Empty\r\n");
+    EXPECT_EQ(c.cmd("RMD missing"), "550 rmdir: No such file or Directory \"\"\r\n");
+    EXPECT_EQ(c.cmd("XRMD newdir\\deep"), "250 deep directory removed.\r\n");
+    EXPECT_TRUE(wait_log("RMD thread complete"));
+    EXPECT_EQ(c.cmd("RMD notes.txt"),
+              "550 rmdir: Failed to remove directory \"notes.txt\"; in Use\r\n");
+    set_mode("\\pub\\newdir", "r-xr-xr-x");
+    EXPECT_EQ(c.cmd("RMD newdir"), "550 rmdir: Permissions Denied \"\"\r\n");
+    set_mode("\\pub\\newdir", "rwxr-xr-x");
+    EXPECT_EQ(c.cmd("RMD newdir"), "250 newdir directory removed.\r\n");
+    EXPECT_FALSE(fs::exists(server.home() / "pub" / "newdir"));
+    EXPECT_FALSE(node("\\pub\\newdir"));
+
+    // The root is never removed, even by a super user in an empty home.
+    FtpClient admin;
+    admin.open(server.ftp_port());
+    admin.login("admin", "admin-pass");
+    EXPECT_EQ(admin.cmd("RMD /"), "550 rmdir: Failed to remove directory \"\"; Not Empty\r\n");
+    EXPECT_EQ(admin.cmd("RMD \\locked\\..\\.."),
+              "550 rmdir: Failed to remove directory \"\"; Not Empty\r\n");
+}
+
+TEST_F(FtpFiles, DeletingFiles) {
+    c.cmd("CWD pub");
+    EXPECT_EQ(c.cmd("DELE missing"), "550 Permissions denied\r\n");
+    EXPECT_EQ(c.cmd("DELE hello.bin"), "550 Permissions denied\r\n"); // rw-r--r-- of root
+    EXPECT_EQ(c.cmd("DELE sub"), "550 Permissions denied\r\n");
+    EXPECT_EQ(c.cmd("DELE notes.txt"), "250 DELE command ok.\r\n");
+    EXPECT_TRUE(wait_log("DELE thread complete"));
+    EXPECT_FALSE(fs::exists(server.home() / "pub" / "notes.txt"));
+    EXPECT_FALSE(node("\\pub\\notes.txt"));
+    set_mode("\\pub\\sub", "rwxrwxrwx");
+    EXPECT_EQ(c.cmd("DELE sub"), "550 Permissions denied (delete failed)\r\n");
+    EXPECT_TRUE(node("\\pub\\sub"));
+}

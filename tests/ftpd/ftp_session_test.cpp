@@ -1,0 +1,324 @@
+// The control connection, the dispatcher and login over real loopback sockets.
+#include "accounts/accounts.hpp"
+#include "core/server.hpp"
+#include "ftp_test_client.hpp"
+#include "vfs/tree.hpp"
+
+#include <gtest/gtest.h>
+#include <shared_mutex>
+#include <thread>
+
+using namespace orv;
+using namespace orv::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kGreeting =
+    "220 Orvane Server (beta) written by Pel Varnholt and Kem Osterlo, ready.\r\n";
+const std::string kGoodbye = "221-Orvane Server (beta) written by Pel Varnholt and Kem Osterlo\r\n"
+                             "221 Connection closed.\r\n";
+
+// The control socket number the server logs for a client: the newest "FTP Connect" line.
+int last_socket(const TestServer& server) {
+    int socket = -1;
+    for (const std::string& l : server.log_lines())
+        if (l.rfind("FTP Connect from 127.0.0.1 port ", 0) == 0)
+            socket = std::stoi(l.substr(32));
+    return socket;
+}
+
+int active_logins(TestServer& server, const std::string& name) {
+    std::shared_lock lock(server.server().tree_mutex);
+    return server.server().accounts->find_user(name)->active_logins.load();
+}
+
+bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
+    auto until = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+bool logged(const TestServer& server, const std::string& line) {
+    auto lines = server.log_lines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+} // namespace
+
+TEST(FtpControl, GreetingTitleAndCloseLines) {
+    TestServer server;
+    {
+        FtpClient c;
+        EXPECT_EQ(c.open(server.ftp_port()), kGreeting);
+        int sock = last_socket(server);
+        EXPECT_TRUE(
+            wait_until([&] { return server.server().title() == "Orvane Server - 1 Users"; }));
+        c.close();
+        EXPECT_TRUE(server.wait_for_log("FTP Close port " + std::to_string(sock)));
+        EXPECT_EQ(server.server().title(), "Orvane Server - 0 Users");
+    }
+    FtpClient c;
+    c.open(server.ftp_port());
+    int sock = last_socket(server);
+    c.send("QUIT\r\n");
+    EXPECT_EQ(c.read_until("221 Connection closed.\r\n"), kGoodbye);
+    EXPECT_TRUE(c.wait_closed());
+    EXPECT_TRUE(server.wait_for_log("(" + std::to_string(sock) + ") FTP Close port"));
+}
+
+TEST(FtpControl, TitleShowsFullAndTheGreetingStillGoesOut) {
+    TestServerConfig config;
+    config.maxusers = 2;
+    TestServer server(config);
+    FtpClient a, b, c;
+    a.open(server.ftp_port());
+    b.open(server.ftp_port());
+    EXPECT_TRUE(
+        wait_until([&] { return server.server().title() == "Orvane Server - 2 Users (Full)"; }));
+    EXPECT_EQ(c.open(server.ftp_port()), kGreeting);
+}
+
+TEST(FtpControl, OneLinePerReadAndPartialLines) {
+    TestServer server;
+    FtpClient c;
+    c.open(server.ftp_port());
+    int sock = last_socket(server);
+    // Not logged in: a partial line is dispatched as an empty one.
+    c.send("US");
+    EXPECT_EQ(c.line(), "500 Command not understood.\r\n");
+    EXPECT_TRUE(server.wait_for_log("(" + std::to_string(sock) + ") <nothing>"));
+    // In state 3 a partial line waits; it completes with the next read.
+    c.send("ER demo\r\n");
+    EXPECT_EQ(c.line(), "331 User ok need Password.\r\n");
+    EXPECT_NE(c.login("demo", "demo-pass").find("230 demo user logged in.\r\n"), std::string::npos);
+
+    // Two commands in one packet: only the first is answered until more bytes come.
+    c.send("NOOP\r\nSYST\r\n");
+    EXPECT_EQ(c.line(), "502 Command not implemented.\r\n");
+    EXPECT_EQ(c.read_quiet(300ms), "");
+    c.send("P");
+    EXPECT_EQ(c.line(), "502 Command not implemented.\r\n"); // SYST
+    c.send("WD\r\n");
+    EXPECT_EQ(c.line(), "257 \"/\" is current directory.\r\n");
+}
+
+TEST(FtpControl, OverflowKicksTheSenderAndNotifiesTheNewestSession) {
+    TestServer server;
+    FtpClient offender, newest;
+    offender.open(server.ftp_port());
+    int sock = last_socket(server);
+    offender.login("demo", "demo-pass");
+    newest.open(server.ftp_port());
+
+    // 237 characters and the line end: 239 bytes fit.
+    offender.send(std::string(237, 'x') + "\r\n");
+    EXPECT_EQ(offender.line(), "500 Command not understood.\r\n");
+    // 200 bytes buffered, then 40 more: kicked.
+    offender.send(std::string(200, 'y'));
+    EXPECT_EQ(offender.read_quiet(200ms), "");
+    offender.send(std::string(40, 'y'));
+    EXPECT_EQ(offender.read_until("221 Connection closed.\r\n"), kGoodbye);
+    EXPECT_TRUE(offender.wait_closed());
+    EXPECT_EQ(newest.line(), "421-Command buffer overflow, Kicked off\r\n");
+    EXPECT_TRUE(server.wait_for_log("FTP Close port " + std::to_string(sock)));
+    // The newest session carries on.
+    EXPECT_EQ(newest.cmd("NOOP"), "502 Command not implemented.\r\n");
+}
+
+TEST(FtpControl, BinaryGarbageNeverBreaksTheSession) {
+    TestServer server;
+    FtpClient c;
+    c.open(server.ftp_port());
+    c.login("demo", "demo-pass");
+    EXPECT_EQ(c.cmd(std::string("\xff\xf4\xff\xfd\x06", 5)), "500 Command not understood.\r\n");
+    // The buffer is text: what follows a NUL in one read is lost, line end included.
+    c.send(std::string("AB\0CD\r\n", 7));
+    EXPECT_EQ(c.read_quiet(200ms), "");
+    EXPECT_EQ(c.cmd(""), "500 Command not understood.\r\n"); // the line "AB"
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/\" is current directory.\r\n");
+    // A flood without line ends ends in the overflow kick, never in a crash.
+    FtpClient flood;
+    flood.open(server.ftp_port());
+    std::string noise;
+    for (int i = 1; i < 5000; ++i)
+        noise += static_cast<char>(i % 251 + 1);
+    flood.send(noise);
+    EXPECT_TRUE(flood.wait_closed());
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/\" is current directory.\r\n");
+}
+
+TEST(FtpDispatch, VerbsAnswersAndDroppedLines) {
+    TestServer server;
+    FtpClient c;
+    c.open(server.ftp_port());
+    c.login("demo", "demo-pass");
+    EXPECT_EQ(c.cmd("NOOP"), "502 Command not implemented.\r\n");
+    EXPECT_EQ(c.cmd("XCUP"), "502 Command not implemented.\r\n");
+    EXPECT_EQ(c.cmd("PASV"), "502 Command not implemented.\r\n");
+    EXPECT_EQ(c.cmd("HELP"), "502 Command not implemented.\r\n");
+    EXPECT_EQ(c.cmd("FEAT"), "500 Command not understood.\r\n");
+    EXPECT_EQ(c.cmd("ABCDEFGHIJKLMNOPQ"), "500 Command not understood.\r\n");
+    EXPECT_EQ(c.cmd("cdup"), "250 CWD command successful\r\n");
+    EXPECT_EQ(c.cmd("xPwD"), "257 \"/\" is current directory.\r\n");
+
+    // While a STOR waits for its data, every line is dropped without a reply.
+    DataListener data;
+    EXPECT_EQ(c.cmd("PORT " + data.port_arg()), "200 Port Command OK.\r\n");
+    {
+        std::unique_lock lock(server.server().tree_mutex);
+        server.server().vfs->root->flags = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+    }
+    EXPECT_EQ(c.cmd("STOR held.txt"), "150 Opening ASCII mode data connection\r\n");
+    ASSERT_TRUE(data.accept());
+    c.send("NOOP\r\n");
+    EXPECT_EQ(c.read_quiet(300ms), "");
+    data.send_and_close("abc");
+    EXPECT_EQ(c.line(), "226 Transfer complete\r\n");
+    EXPECT_EQ(c.read_quiet(200ms), "");
+    EXPECT_EQ(c.cmd("NOOP"), "502 Command not implemented.\r\n");
+}
+
+TEST(FtpDispatch, AThreadThatCannotStartIsOnlyLogged) {
+    TestServer server;
+    FtpClient c;
+    c.open(server.ftp_port());
+    c.login("demo", "demo-pass");
+    server.server().workers.set_refuse_spawns(true);
+    c.send("CDUP\r\n");
+    EXPECT_TRUE(server.wait_for_log("**** Failed to create ftp in CWUP Thread ****"));
+    server.server().workers.set_refuse_spawns(false);
+    // The session stays busy for good.
+    c.send("PWD\r\n");
+    EXPECT_EQ(c.read_quiet(300ms), "");
+}
+
+TEST(FtpLogin, MessageCountsAndLogLines) {
+    TestServerConfig config;
+    config.motd = "Welcome\r\nto the server\n";
+    TestServer server(config);
+    FtpClient c;
+    c.open(server.ftp_port());
+    int sock = last_socket(server);
+    std::string s = std::to_string(sock);
+    EXPECT_EQ(c.cmd("user demo"), "331 User ok need Password.\r\n");
+    c.send("pass demo-pass\r\n");
+    EXPECT_EQ(c.read_until("user logged in.\r\n"),
+              "230-Welcome\r\n230-to the server\r\n"
+              "230- 1 out of 5 allowed connections in use.\r\n230 demo user logged in.\r\n");
+    EXPECT_TRUE(server.wait_for_log("(" + s + ") Login Message thread complete"));
+    EXPECT_TRUE(logged(server, "(" + s + ") <password>"));
+    for (const std::string& l : server.log_lines())
+        EXPECT_EQ(l.find("demo-pass"), std::string::npos) << l;
+    EXPECT_EQ(active_logins(server, "demo"), 1);
+    c.close();
+    EXPECT_TRUE(wait_until([&] { return active_logins(server, "demo") == 0; }));
+}
+
+TEST(FtpLogin, FailuresAlwaysEndTheConnection) {
+    TestServerConfig config;
+    config.accounts.push_back({"telnetonly", "tel-pass", 102, 5, 8, "\\"});
+    TestServer server(config);
+    struct Case {
+        std::vector<std::string> lines;
+        std::string logged;
+    };
+    const std::vector<Case> cases = {
+        {{"USER demo", "PASS wrong"}, "Login failure for user (demo)"},
+        {{"USER nobody", "PASS x"}, "Login failure for unknown user"},
+        {{"PASS demo-pass"}, "Login failure for unknown user"},
+        {{"USER Demo", "PASS demo-pass"}, "Login failure for unknown user"},
+        {{"USER telnetonly", "PASS tel-pass"}, "Login failure for user (telnetonly)"},
+    };
+    for (const Case& k : cases) {
+        FtpClient c;
+        c.open(server.ftp_port());
+        std::string s = std::to_string(last_socket(server));
+        std::string last;
+        for (const std::string& l : k.lines)
+            last = c.cmd(l);
+        EXPECT_EQ(last, "550 Login incorrect\r\n") << k.lines.back();
+        EXPECT_EQ(c.read_quiet(200ms), ""); // no goodbye lines
+        EXPECT_TRUE(c.wait_closed());
+        EXPECT_TRUE(server.wait_for_log("(" + s + ") " + k.logged)) << k.logged;
+        EXPECT_TRUE(server.wait_for_log("Ftp Close port " + s));
+    }
+    EXPECT_EQ(active_logins(server, "demo"), 0);
+}
+
+TEST(FtpLogin, PerUserAndServerLimits) {
+    TestServerConfig config;
+    config.maxusers = 3;
+    config.accounts.push_back({"solo", "solo-pass", 103, 1, 4, "\\"});
+    TestServer server(config);
+    FtpClient first;
+    first.open(server.ftp_port());
+    EXPECT_NE(first.login("solo", "solo-pass").find("230- 1 out of 1 allowed"), std::string::npos);
+
+    FtpClient second;
+    second.open(server.ftp_port());
+    second.cmd("USER solo");
+    second.send("PASS solo-pass\r\n");
+    EXPECT_EQ(second.read_until("550 Login incorrect\r\n"),
+              "421- solo - max (1) connections in use.\r\n550 Login incorrect\r\n");
+    EXPECT_TRUE(second.wait_closed());
+    EXPECT_TRUE(wait_until([&] { return server.server().conns.user_count() == 1; }));
+    EXPECT_EQ(active_logins(server, "solo"), 1);
+
+    // A bare USER that goes away does not lower the count of the session that logged in.
+    {
+        FtpClient lurker;
+        lurker.open(server.ftp_port());
+        lurker.cmd("USER solo");
+    }
+    EXPECT_TRUE(wait_until([&] { return server.server().conns.user_count() == 1; }));
+    EXPECT_EQ(active_logins(server, "solo"), 1);
+
+    // Four connections against maxusers 3: the one that completes PASS is turned away.
+    FtpClient b, c, d;
+    b.open(server.ftp_port());
+    c.open(server.ftp_port());
+    d.open(server.ftp_port());
+    d.cmd("USER demo");
+    d.send("PASS demo-pass\r\n");
+    EXPECT_EQ(d.read_until("221 Connection closed.\r\n"),
+              "421 Max server connections, Connection closed.\r\n" + kGoodbye);
+    EXPECT_TRUE(d.wait_closed());
+    EXPECT_TRUE(wait_until([&] { return active_logins(server, "demo") == 0; }));
+}
+
+TEST(FtpLogin, NothingPassesBeforeTheLoginCompletes) {
+    TestServer server({}, [](TempDir& dir) {
+        dir.write("home/secret/plans.txt", "top secret");
+        dir.write("home/readme.txt", "hello");
+    });
+    FtpClient c;
+    c.open(server.ftp_port());
+    EXPECT_EQ(c.cmd("USER admin"), "331 User ok need Password.\r\n");
+    EXPECT_EQ(c.cmd("CWD /"), "550 /; No such file or directory\r\n");
+    EXPECT_EQ(c.cmd("CWD /secret"), "550 /secret; No such file or directory\r\n");
+    EXPECT_EQ(c.cmd("CWD /nothing"), "550 /nothing; No such file or directory\r\n");
+    EXPECT_EQ(c.download("LIST").preliminary, "550 Permission denied\r\n");
+    EXPECT_EQ(c.download("RETR readme.txt").preliminary, "550 No such file or directory\r\n");
+    EXPECT_EQ(c.download("STOR new.txt").preliminary, "550 No such file or directory\r\n");
+    EXPECT_EQ(c.cmd("MKD /made"), "550 mkdir: Failed; No such file or directory \"/made\"\r\n");
+    EXPECT_EQ(c.cmd("RMD /secret"), "550 rmdir: No such file or Directory \"\"\r\n");
+    EXPECT_EQ(c.cmd("DELE readme.txt"), "550 No such file or directory\r\n");
+    EXPECT_FALSE(std::filesystem::exists(server.home() / "made"));
+    EXPECT_TRUE(std::filesystem::exists(server.home() / "readme.txt"));
+
+    // A new USER after a completed login takes the rights of that login away too.
+    FtpClient d;
+    d.open(server.ftp_port());
+    d.login("demo", "demo-pass");
+    EXPECT_EQ(d.cmd("CWD /secret"), "250 CWD command successful\r\n");
+    EXPECT_EQ(active_logins(server, "demo"), 1);
+    EXPECT_EQ(d.cmd("USER admin"), "331 User ok need Password.\r\n");
+    EXPECT_EQ(active_logins(server, "demo"), 0);
+    EXPECT_EQ(d.cmd("CWD /"), "550 /; No such file or directory\r\n");
+    EXPECT_EQ(d.download("RETR plans.txt").preliminary, "550 Permissions denied\r\n");
+}

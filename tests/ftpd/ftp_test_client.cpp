@@ -1,0 +1,128 @@
+#include "ftp_test_client.hpp"
+
+#include "platform/net.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace orv::test {
+
+DataListener::DataListener(const char* address) {
+    listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    ::inet_pton(AF_INET, address, &sa.sin_addr);
+    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+    ::listen(listen_fd_, 4);
+    socklen_t len = sizeof sa;
+    ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);
+    addr_ = sa.sin_addr.s_addr;
+    port_ = ntohs(sa.sin_port);
+}
+
+DataListener::~DataListener() {
+    close_fd(conn_);
+    close_fd(listen_fd_);
+}
+
+std::string DataListener::port_arg() const {
+    const auto* b = reinterpret_cast<const unsigned char*>(&addr_);
+    return std::to_string(b[0]) + "," + std::to_string(b[1]) + "," + std::to_string(b[2]) + "," +
+           std::to_string(b[3]) + "," + std::to_string(port_ / 256) + "," +
+           std::to_string(port_ % 256);
+}
+
+bool DataListener::accept(std::chrono::milliseconds limit) {
+    pollfd p{listen_fd_, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(limit.count())) <= 0)
+        return false;
+    conn_ = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    return conn_ >= 0;
+}
+
+std::optional<std::string> DataListener::read_all(std::chrono::milliseconds limit) {
+    std::string out;
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    char buf[65536];
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        pollfd p{conn_, POLLIN, 0};
+        if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0)
+            return std::nullopt;
+        ssize_t n = ::recv(conn_, buf, sizeof buf, 0);
+        if (n <= 0)
+            return out;
+        out.append(buf, static_cast<size_t>(n));
+    }
+}
+
+bool DataListener::send_and_close(std::string_view bytes) {
+    bool ok = send_all(conn_, bytes.data(), bytes.size(), nullptr, 10000);
+    close_fd(conn_);
+    conn_ = -1;
+    return ok;
+}
+
+std::string FtpClient::open(int port) {
+    connect(port);
+    return line();
+}
+
+std::string FtpClient::cmd(std::string_view command) {
+    send(std::string(command) + "\r\n");
+    return line();
+}
+
+std::string FtpClient::login(std::string_view name, std::string_view password) {
+    std::string out = cmd("USER " + std::string(name));
+    send("PASS " + std::string(password) + "\r\n");
+    // The last line of the login message is the first "230 " line.
+    for (int i = 0; i < 100; ++i) {
+        std::string l = line();
+        out += l;
+        if (l.empty() || l.rfind("230 ", 0) == 0 || l.rfind("550", 0) == 0)
+            break;
+    }
+    return out;
+}
+
+FtpClient::Transfer FtpClient::download(std::string_view command) {
+    Transfer t;
+    DataListener data;
+    std::string port = cmd("PORT " + data.port_arg());
+    if (port != "200 Port Command OK.\r\n") {
+        t.preliminary = port;
+        return t;
+    }
+    t.preliminary = cmd(command);
+    if (t.preliminary.rfind("150 ", 0) != 0)
+        return t;
+    if (data.accept())
+        t.data = data.read_all().value_or("<time-out>");
+    t.final_reply = line();
+    return t;
+}
+
+FtpClient::Transfer FtpClient::upload(std::string_view command, std::string_view bytes) {
+    Transfer t;
+    DataListener data;
+    std::string port = cmd("PORT " + data.port_arg());
+    if (port != "200 Port Command OK.\r\n") {
+        t.preliminary = port;
+        return t;
+    }
+    t.preliminary = cmd(command);
+    if (t.preliminary.rfind("150 ", 0) != 0)
+        return t;
+    if (data.accept())
+        data.send_and_close(bytes);
+    t.final_reply = line();
+    return t;
+}
+
+} // namespace orv::test

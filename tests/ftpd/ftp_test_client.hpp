@@ -1,0 +1,61 @@
+#pragma once
+// Helpers for FTP protocol tests: a control connection that reads reply lines, and the
+// client's side of an active-mode data connection.
+#include "support/test_server.hpp"
+
+#include <optional>
+#include <string>
+
+namespace orv::test {
+
+// A listening socket on a loopback address for the server's data connection.
+class DataListener {
+  public:
+    explicit DataListener(const char* address = "127.0.0.1");
+    ~DataListener();
+    DataListener(const DataListener&) = delete;
+    DataListener& operator=(const DataListener&) = delete;
+
+    // "h1,h2,h3,h4,p1,p2" for PORT.
+    std::string port_arg() const;
+    // Accepts the server's connection; false when none came within the limit.
+    bool accept(std::chrono::milliseconds limit = std::chrono::seconds(5));
+    // After accept(): everything until the server closes (nullopt on time-out).
+    std::optional<std::string> read_all(std::chrono::milliseconds limit = std::chrono::seconds(20));
+    // After accept(): sends the bytes and closes the connection.
+    bool send_and_close(std::string_view bytes);
+    int connection() const { return conn_; }
+
+  private:
+    int listen_fd_ = -1;
+    int conn_ = -1;
+    uint32_t addr_ = 0;
+    int port_ = 0;
+};
+
+class FtpClient : public TestClient {
+  public:
+    FtpClient() = default;
+    explicit FtpClient(int port) { connect(port); }
+
+    // Connects and reads the 220 greeting.
+    std::string open(int port);
+    // One reply line with its "\r\n".
+    std::string line(std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+        return read_until("\r\n", limit);
+    }
+    // Sends the command and returns the next reply line.
+    std::string cmd(std::string_view command);
+    // USER + PASS; returns everything up to and including the final 230 line.
+    std::string login(std::string_view name, std::string_view password);
+    // A whole command with a data connection: PORT, the command, the data, the final reply.
+    struct Transfer {
+        std::string preliminary; // the 150 line (or the refusal)
+        std::string data;
+        std::string final_reply;
+    };
+    Transfer download(std::string_view command);
+    Transfer upload(std::string_view command, std::string_view bytes);
+};
+
+} // namespace orv::test
