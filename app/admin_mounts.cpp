@@ -31,6 +31,13 @@ long find_line_index(const Server& server, std::string_view line) {
     return -1;
 }
 
+// A real directory is kept without a trailing separator, as the mounts file is read back.
+std::string normalize_real_dir(std::string dir) {
+    if (dir.size() > 1 && (dir.back() == '/' || dir.back() == '\\'))
+        dir.pop_back();
+    return dir;
+}
+
 } // namespace
 
 std::string normalize_mount_to(std::string_view typed) {
@@ -129,7 +136,7 @@ std::optional<MountPaths> find_mount_line(const Server& server, std::string_view
 
 void add_mount(Server& server, const std::string& real_dir, const std::string& mount_point) {
     auto mount = std::make_shared<MountRec>();
-    mount->real_dir = real_dir;
+    mount->real_dir = normalize_real_dir(real_dir);
     mount->mount_point = normalize_mount_point(mount_point);
     {
         std::unique_lock lock(server.tree_mutex);
@@ -144,7 +151,7 @@ void add_mount(Server& server, const std::string& real_dir, const std::string& m
 MountChange edit_mount(Server& server, std::string_view line, const std::string& real_dir,
                        const std::string& mount_point) {
     auto replacement = std::make_shared<MountRec>();
-    replacement->real_dir = real_dir;
+    replacement->real_dir = normalize_real_dir(real_dir);
     replacement->mount_point = normalize_mount_point(mount_point);
     std::shared_ptr<MountRec> old;
     {

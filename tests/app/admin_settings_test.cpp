@@ -1,0 +1,174 @@
+#include "app/admin_api.hpp"
+#include "core/settings.hpp"
+#include "support/test_server.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace orv;
+
+namespace {
+
+SettingsForm form_for(const test::TempDir& dir) {
+    SettingsForm f;
+    f.serverhome = (dir / "home").string();
+    f.maxusers = "10";
+    f.telnet = false;
+    f.telnet_port = "2323";
+    f.ftp = false;
+    f.ftp_port = "2121";
+    return f;
+}
+
+// The log lines from `from` on.
+std::vector<std::string> lines_since(const test::TestServer& s, size_t from) {
+    std::vector<std::string> all = s.log_lines();
+    return {all.begin() + static_cast<long>(std::min(from, all.size())), all.end()};
+}
+
+} // namespace
+
+TEST(AdminSettings, ChecksRunInOrderWithTheirTexts) {
+    test::TempDir dir;
+    std::filesystem::create_directories(dir / "home");
+    struct Case {
+        void (*edit)(SettingsForm&);
+        const char* text; // null: accepted
+        SettingsField focus;
+    };
+    const Case cases[] = {
+        {[](SettingsForm&) {}, nullptr, SettingsField::Home},
+        {[](SettingsForm& f) { f.serverhome += "/missing"; },
+         "Server home directory does not exist!", SettingsField::Home},
+        {[](SettingsForm& f) { f.serverhome.clear(); }, "Server home directory does not exist!",
+         SettingsField::Home},
+        // The first failing check wins.
+        {[](SettingsForm& f) {
+             f.serverhome += "/missing";
+             f.maxusers = "257";
+         },
+         "Server home directory does not exist!", SettingsField::Home},
+        {[](SettingsForm& f) { f.maxusers = "257"; }, "Max Users must be between 0 and 256",
+         SettingsField::MaxUsers},
+        {[](SettingsForm& f) { f.maxusers = "-1"; }, "Max Users must be between 0 and 256",
+         SettingsField::MaxUsers},
+        {[](SettingsForm& f) { f.maxusers = "256"; }, nullptr, SettingsField::Home},
+        {[](SettingsForm& f) { f.maxusers = "0"; }, nullptr, SettingsField::Home},
+        // Read as a signed 16-bit value: 65536 wraps to 0.
+        {[](SettingsForm& f) { f.maxusers = "65536"; }, nullptr, SettingsField::Home},
+        {[](SettingsForm& f) { f.telnet_port = "0"; }, "Telnet Port be between 1 and 32000",
+         SettingsField::TelnetPort},
+        {[](SettingsForm& f) { f.telnet_port = "32001"; }, "Telnet Port be between 1 and 32000",
+         SettingsField::TelnetPort},
+        {[](SettingsForm& f) { f.telnet_port = "32000"; }, nullptr, SettingsField::Home},
+        {[](SettingsForm& f) { f.ftp_port = "0"; }, "FTP Port be between 1 and 32000",
+         SettingsField::FtpPort},
+        {[](SettingsForm& f) { f.ftp_port = "32001"; }, "FTP Port be between 1 and 32000",
+         SettingsField::FtpPort},
+        // Equal ports are refused even with both services off.
+        {[](SettingsForm& f) { f.ftp_port = f.telnet_port; },
+         "Telnet Port and FTP port must be different", SettingsField::TelnetPort},
+    };
+    for (const Case& c : cases) {
+        SettingsForm f = form_for(dir);
+        c.edit(f);
+        std::optional<SettingsRefusal> refusal = check_settings_form(f);
+        if (!c.text) {
+            EXPECT_FALSE(refusal) << refusal->text;
+            continue;
+        }
+        ASSERT_TRUE(refusal) << c.text;
+        EXPECT_EQ(refusal->text, c.text);
+        EXPECT_EQ(refusal->focus, c.focus) << c.text;
+    }
+}
+
+TEST(AdminSettings, SaveWritesTheKeysAndReportsANewHome) {
+    test::TestServerConfig config;
+    config.ftp = false;
+    config.telnet = false;
+    test::TestServer s(config);
+    AdminApi api(s.app());
+    SettingsForm f = api.settings_form();
+    EXPECT_EQ(f.serverhome, s.home().string());
+    EXPECT_EQ(f.maxusers, "10");
+
+    f.maxusers = "7";
+    f.serverhome += "/"; // the same directory as the next start reads it
+    EXPECT_FALSE(api.save_settings(f));
+    EXPECT_EQ(s.server().settings.maxusers, 7);
+    Settings written = read_settings(s.dir() / "settings.ini");
+    EXPECT_EQ(written.maxusers, 7);
+    EXPECT_EQ(written.serverhome, s.home().string());
+    EXPECT_EQ(written.ftp, 0);
+    EXPECT_EQ(written.telnet_port, s.telnet_port());
+
+    std::filesystem::create_directories(s.dir() / "other");
+    f.serverhome = (s.dir() / "other").string();
+    EXPECT_TRUE(api.save_settings(f));
+    // The running tree keeps its home; the dialog shows the saved one from now on.
+    EXPECT_EQ(s.server().settings.serverhome, s.home().string());
+    EXPECT_EQ(api.settings_form().serverhome, f.serverhome);
+    EXPECT_TRUE(api.save_settings(f));
+}
+
+TEST(AdminSettings, NewFtpPortRestartsTheListenerAndClientsConnectThere) {
+    test::TestServer s;
+    AdminApi api(s.app());
+    test::TestClient before(s.ftp_port());
+    ASSERT_TRUE(before.read_until("ready.\r\n").find("220 ") != std::string::npos);
+
+    SettingsForm f = api.settings_form();
+    int new_port = test::free_port();
+    f.ftp_port = std::to_string(new_port);
+    size_t mark = s.log_lines().size();
+    api.save_settings(f);
+    api.apply_services(f);
+    EXPECT_EQ(lines_since(s, mark),
+              (std::vector<std::string>{"  FTP - Disabled",
+                                        "  FTP - Ok.  port " + std::to_string(new_port)}));
+    EXPECT_EQ(s.server().settings.ftp_port, new_port);
+
+    test::TestClient after(new_port);
+    EXPECT_NE(after.read_until("220 ").find("220 "), std::string::npos);
+    test::TestClient old_port;
+    EXPECT_FALSE(old_port.connect(s.ftp_port()));
+    // The session from before the change is still served.
+    EXPECT_TRUE(before.send("NOOP\r\n"));
+    EXPECT_NE(before.read_until("\r\n").find("50"), std::string::npos);
+}
+
+TEST(AdminSettings, ServiceSwitchesStartStopOrOnlyStoreThePort) {
+    test::TestServer s;
+    AdminApi api(s.app());
+    SettingsForm f = api.settings_form();
+
+    // Telnet off: its listener stops.
+    f.telnet = false;
+    size_t mark = s.log_lines().size();
+    api.save_settings(f);
+    api.apply_services(f);
+    EXPECT_EQ(lines_since(s, mark), std::vector<std::string>{"  Telnet - Disabled"});
+    test::TestClient refused;
+    EXPECT_FALSE(refused.connect(s.telnet_port()));
+
+    // Off with a new port: the port is only stored.
+    int telnet_port = test::free_port();
+    f.telnet_port = std::to_string(telnet_port);
+    mark = s.log_lines().size();
+    api.save_settings(f);
+    api.apply_services(f);
+    EXPECT_TRUE(lines_since(s, mark).empty());
+    EXPECT_EQ(s.server().settings.telnet_port, telnet_port);
+    EXPECT_EQ(s.server().settings.telnet, 0);
+
+    // On again: it starts on the stored port; an unchanged FTP service is left alone.
+    f.telnet = true;
+    mark = s.log_lines().size();
+    api.save_settings(f);
+    api.apply_services(f);
+    EXPECT_EQ(lines_since(s, mark),
+              std::vector<std::string>{"  Telnet - Ok.  port " + std::to_string(telnet_port)});
+    EXPECT_EQ(read_settings(s.dir() / "settings.ini").telnet, 1);
+    test::TestClient accepted;
+    EXPECT_TRUE(accepted.connect(telnet_port));
+}
