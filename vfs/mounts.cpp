@@ -106,7 +106,8 @@ void move_sessions_out(Server& server, const VfsTree& tree, const VfsNode& mount
 
 void remove_mount_thread(Server& server, const std::shared_ptr<MountRec>& mount,
                          const std::shared_ptr<MountRec>& replacement) {
-    VfsTree& tree = *server.vfs; // made by the start-up build, before any mount change
+    static const VfsTree no_tree; // before any build there is nothing to unmount
+    const VfsTree& tree = server.vfs ? *server.vfs : no_tree;
     std::vector<NodePtr> busy;
     {
         std::shared_lock lock(server.tree_mutex);
@@ -228,6 +229,10 @@ MountOutcome mount_record(Server& server, const std::shared_ptr<MountRec>& mount
                                 ? "**** Error finding dest. dir (single_main_mount_routine) ****"
                                 : "**** Error finding file (main_mount_routine) ****";
     server.log.logf("  Mounting %s  - > %s", mount->real_dir.c_str(), mount->mount_point.c_str());
+    if (!server.vfs) {
+        server.log_message(not_found);
+        return {};
+    }
     VfsTree& tree = *server.vfs;
     MountPointParts parts = split_mount_point(mount->mount_point);
     // A mount point right under the root ("\pub") has an empty parent path: the root.

@@ -3,13 +3,14 @@
 #include "core/log.hpp"
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -19,6 +20,11 @@ namespace orv {
 namespace {
 
 constexpr size_t kMaxName = 255;
+
+// Layout of a getdents64 record: inode (8), offset (8), record length (2), type (1), name.
+constexpr size_t kDentLengthAt = 16;
+constexpr size_t kDentTypeAt = 18;
+constexpr size_t kDentNameAt = 19;
 
 // Names with these bytes cannot be told apart from path or fpl.txt syntax.
 bool name_fits_tree(std::string_view name) {
@@ -120,6 +126,27 @@ class Scanner {
         return 0;
     }
 
+    // The entries of an open directory as the host yields them ("." and ".." left out).
+    // getdents64 straight into one reused buffer: no DIR stream set-up per directory.
+    template <typename Fn> void for_each_entry(int fd, Fn&& fn) {
+        for (;;) {
+            long n = ::syscall(SYS_getdents64, fd, dents_.data(), dents_.size());
+            if (n <= 0)
+                return;
+            for (long off = 0; off < n;) {
+                const char* record = dents_.data() + off;
+                uint16_t length;
+                std::memcpy(&length, record + kDentLengthAt, sizeof length);
+                off += length;
+                auto type = static_cast<unsigned char>(record[kDentTypeAt]);
+                const char* name = record + kDentNameAt;
+                if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
+                    continue;
+                fn(name, type);
+            }
+        }
+    }
+
     void scan_dir(const NodePtr& dir, std::string& path, bool via_link) {
         int fd =
             ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (via_link ? 0 : O_NOFOLLOW));
@@ -132,31 +159,22 @@ class Scanner {
                 leave_out("directory loops", path, "");
             return;
         }
-        DIR* d = ::fdopendir(fd);
-        if (!d) {
-            ::close(fd);
-            return;
-        }
         ancestors_.emplace_back(dir_st.st_dev, dir_st.st_ino);
         std::vector<SubDir> subdirs;
-        while (struct dirent* e = ::readdir(d)) {
-            const char* name = e->d_name;
-            if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
-                continue;
+        for_each_entry(fd, [&](const char* name, unsigned char type) {
             std::string_view name_view(name);
             if (!name_fits_tree(name_view)) {
                 leave_out("name not usable", path, name_view);
-                continue;
+                return;
             }
             if (path.size() + 1 + name_view.size() >= PATH_MAX) {
                 leave_out("path too long", path, name_view);
-                continue;
+                return;
             }
             struct stat st;
-            unsigned char type = e->d_type;
             if (type == DT_UNKNOWN || type == DT_REG) {
-                if (::fstatat(::dirfd(d), name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-                    continue; // gone since the directory was read
+                if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                    return; // gone since the directory was read
                 type = S_ISDIR(st.st_mode)   ? DT_DIR
                        : S_ISREG(st.st_mode) ? DT_REG
                        : S_ISLNK(st.st_mode) ? DT_LNK
@@ -172,19 +190,19 @@ class Scanner {
                 size = st.st_size;
             } else if (type == DT_LNK) {
                 link = true;
-                kind = follow_link(::dirfd(d), path, name, st);
+                kind = follow_link(fd, path, name, st);
                 size = st.st_size;
             } else {
                 leave_out("not a file or directory", path, name_view);
             }
             if (!kind)
-                continue;
+                return;
             NodePtr child = make_child(dir, name_view, kind, size);
             if (kind == 'd')
                 subdirs.push_back({child, link});
             dir->children.push_back(std::move(child));
-        }
-        ::closedir(d);
+        });
+        ::close(fd);
 
         for (const SubDir& sub : subdirs) {
             size_t keep = path.size();
@@ -201,6 +219,7 @@ class Scanner {
     const NodePtr& top_;
     std::string scope_;
     std::vector<std::pair<dev_t, ino_t>> ancestors_;
+    std::vector<char> dents_ = std::vector<char>(32768);
     ScanCounts counts_;
 };
 
