@@ -9,6 +9,7 @@ constexpr unsigned char kDel = 127;
 constexpr unsigned char kLf = 10;
 constexpr unsigned char kCr = 13;
 constexpr unsigned char kEsc = 27;
+constexpr unsigned char kInterruptProcess = 244;
 
 // Option numbers the server answers.
 constexpr unsigned char kOptSuppressGoAhead = 3;
@@ -92,6 +93,12 @@ InputResult feed_ordinary(std::string& line_buf, std::string_view bytes, uint8_t
             // Exactly three bytes per IAC; a sequence cut by the end of the read is dropped.
             unsigned char command = i + 1 < bytes.size() ? bytes[i + 1] : 0;
             unsigned char option = i + 2 < bytes.size() ? bytes[i + 2] : 0;
+            // Line-mode clients send Ctrl-C as "interrupt process".
+            if (command == kInterruptProcess && state == kStateCommand) {
+                line_buf.clear();
+                result.interrupted = true;
+                return result;
+            }
             result.reply += option_reply(command, option);
             i += 2;
             continue;
@@ -136,14 +143,28 @@ InputResult feed_question(std::string& line_buf, std::string_view bytes) {
 
 InputResult feed_more_key(std::string& line_buf, std::string_view bytes) {
     InputResult result;
-    for (char ch : bytes) {
-        auto c = static_cast<unsigned char>(ch);
-        if (c == kCtrlC)
-            ch = 'Q';
-        else if (c != ' ' && c != 'q' && c != 'Q' && c != kLf)
+    // A line-mode client sends a key as a line: the CR LF after it ends that line and is not
+    // a second key (an Enter of its own still arrives as CR LF and is taken).
+    enum { kNone, kAfterKey, kAfterKeyCr } line_end = kNone;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        auto c = static_cast<unsigned char>(bytes[i]);
+        char key = static_cast<char>(c);
+        if (c == kCtrlC || (c == kIac && i + 1 < bytes.size() &&
+                            static_cast<unsigned char>(bytes[i + 1]) == kInterruptProcess)) {
+            key = 'Q';
+        } else if (c == kCr) {
+            line_end = line_end == kAfterKey ? kAfterKeyCr : kNone;
             continue;
-        line_buf.push_back(ch);
+        } else if (c == kLf && line_end == kAfterKeyCr) {
+            line_end = kNone;
+            continue;
+        } else if (c != ' ' && c != 'q' && c != 'Q' && c != kLf) {
+            line_end = kNone;
+            continue;
+        }
+        line_buf.push_back(key);
         result.key_taken = true;
+        line_end = c == kLf ? kNone : kAfterKey;
     }
     return result;
 }

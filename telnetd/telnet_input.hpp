@@ -52,16 +52,17 @@ struct InputResult {
     bool key_taken = false;   // state 28: a pager key was stored
 };
 
-// The ordinary states (all but 23, 25, 28 and 30). `interrupt_allowed` is true in state 10,
-// where Ctrl-C empties the line and the caller requests the interrupt; echo is off in the
-// password states 2 and 6.
+// The ordinary states (all but 23, 25, 28 and 30). In state 10 Ctrl-C (or IAC IP, as
+// line-mode clients send it) empties the line and the caller requests the interrupt; echo is
+// off in the password states 2 and 6.
 InputResult feed_ordinary(std::string& line_buf, std::string_view bytes, uint8_t state);
 // State 23 (outgoing transfer running): like the ordinary states, but Ctrl-C always
 // interrupts (the caller aborts the transfer) and IAC is an ordinary byte.
 InputResult feed_transfer(std::string& line_buf, std::string_view bytes);
 // State 25 (yes/no question): only y, n, Y, N and the line ends are stored and echoed.
 InputResult feed_question(std::string& line_buf, std::string_view bytes);
-// State 28 (a pager page waits): space, q, Q and LF are stored, Ctrl-C is stored as Q; no echo.
+// State 28 (a pager page waits): space, q, Q and LF are stored, Ctrl-C (or IAC IP) is stored as
+// Q; no echo. The CR LF that a line-mode client sends after a key is not taken as a key.
 InputResult feed_more_key(std::string& line_buf, std::string_view bytes);
 
 // Takes the first complete line (ended by CR) out of the line buffer, or nothing when the

@@ -135,7 +135,7 @@ TEST(TelnetInput, QuestionStateStoresOnlyYesNoAndLineEnds) {
 
 TEST(TelnetInput, MorePageStoresKeysWithoutEcho) {
     std::string line;
-    InputResult r = feed_more_key(line, bytes({'x', ' ', '\r', '\n', 'q', 3}));
+    InputResult r = feed_more_key(line, bytes({'x', ' ', '\n', '\r', 'q', 3}));
     EXPECT_TRUE(r.key_taken);
     EXPECT_EQ(r.reply, "");
     EXPECT_EQ(line, " \nqQ");
@@ -143,6 +143,26 @@ TEST(TelnetInput, MorePageStoresKeysWithoutEcho) {
     EXPECT_EQ(line, "\nqQ");
     r = feed_more_key(line, "abc");
     EXPECT_FALSE(r.key_taken);
+}
+
+TEST(TelnetInput, MorePageTakesALineModeKeyOnceAndEnterAsAKey) {
+    std::string line;
+    feed_more_key(line, " \r\n");
+    EXPECT_EQ(line, " ");
+    line.clear();
+    feed_more_key(line, "\r\n");
+    EXPECT_EQ(line, "\n");
+    line.clear();
+    feed_more_key(line, bytes({255, 244, 255, 253, 6}));
+    EXPECT_EQ(line, "Q");
+}
+
+TEST(TelnetInput, InterruptProcessActsAsCtrlCInACommand) {
+    std::string line = "typed";
+    InputResult r = feed_ordinary(line, bytes({255, 244, 255, 253, 6}), kStateCommand);
+    EXPECT_TRUE(r.interrupted);
+    EXPECT_EQ(line, "");
+    EXPECT_EQ(r.reply, "");
 }
 
 TEST(TelnetInput, TransferStateTreatsIacAsTextAndCtrlCAborts) {
