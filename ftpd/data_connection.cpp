@@ -69,7 +69,7 @@ std::string opening_reply(char type, long long size) {
 namespace {
 
 constexpr int kDataPort = 20;
-constexpr int kConnectTimeoutMs = 15000;
+constexpr int kConnectTimeoutMs = 8000; // inside the shutdown wait for running commands
 
 // A socket bound to the data port, or to any port when the process may not use port 20.
 // Returns -1 after logging the failure.

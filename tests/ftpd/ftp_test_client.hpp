@@ -54,8 +54,13 @@ class FtpClient : public TestClient {
         std::string data;
         std::string final_reply;
     };
-    Transfer download(std::string_view command);
-    Transfer upload(std::string_view command, std::string_view bytes);
+    Transfer download(std::string_view command) { return transfer(command, nullptr); }
+    Transfer upload(std::string_view command, const std::string& bytes) {
+        return transfer(command, &bytes);
+    }
+
+  private:
+    Transfer transfer(std::string_view command, const std::string* upload_bytes);
 };
 
 } // namespace orv::test
