@@ -52,7 +52,8 @@ class Server:
             [BINARY, "--headless", "-C", self.dir],
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
         )
-        threading.Thread(target=self._read, daemon=True).start()
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
         if not self.wait_log("Ready..."):
             self.stop()
             raise RuntimeError("server did not start: %r" % self.lines)
@@ -75,6 +76,8 @@ class Server:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
+        self.reader.join(timeout=WAIT)
+        self.proc.stdout.close()
         self.tmp.cleanup()
 
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <shared_mutex>
+#include <sys/socket.h>
 #include <thread>
 
 namespace orv::test {
@@ -500,6 +501,19 @@ TEST_F(TelnetShell, ClientCloseAtThePromptLogsBothLines) {
         std::find(log.begin(), log.end(), "Telnet Close port " + std::to_string(socket));
     ASSERT_NE(close_line, log.end());
     EXPECT_EQ(*(close_line + 1), "Closing some sock(not a user)");
+}
+
+TEST_F(TelnetShell, ResetConnectionTakesTheUnknownEventPath) {
+    ShellClient c = connect_as("demo", "demo-pass");
+    int socket = server_.server().conns.head()->socket;
+    linger hard{1, 0}; // close with a reset
+    ::setsockopt(c.raw().fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    c.raw().close();
+    EXPECT_TRUE(server_.wait_for_log("Unknown WSAAsyncSelect on port " + std::to_string(socket)));
+    EXPECT_TRUE(server_.wait_for_log("Telnet Close port " + std::to_string(socket)));
+    EXPECT_EQ(server_.server().conns.user_count(), 0);
+    std::vector<std::string> log = server_.log_lines();
+    EXPECT_EQ(std::find(log.begin(), log.end(), "Closing some sock(not a user)"), log.end());
 }
 
 TEST_F(TelnetShell, ThreadCreationFailureOnlyLogs) {
