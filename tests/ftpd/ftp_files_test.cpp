@@ -3,11 +3,13 @@
 #include "core/server.hpp"
 #include "ftp_test_client.hpp"
 #include "ftpd/listing.hpp"
+#include "vfs/build.hpp"
 #include "vfs/tree.hpp"
 
 #include <gtest/gtest.h>
 #include <shared_mutex>
 #include <thread>
+#include <unistd.h>
 
 using namespace orv;
 using namespace orv::test;
@@ -91,6 +93,11 @@ TEST_F(FtpFiles, RetrInBothTypes) {
     EXPECT_EQ(t.preliminary, "150 Opening BINARY mode data connection (1234 bytes)\r\n");
     EXPECT_EQ(t.data, pattern_bytes(1234));
     EXPECT_EQ(t.final_reply, "226 Transfer complete\r\n");
+    // From port 20 when the process may bind it (as root), from any port otherwise.
+    if (::geteuid() == 0)
+        EXPECT_EQ(t.server_port, 20);
+    else
+        EXPECT_GT(t.server_port, 1023);
     EXPECT_TRUE(wait_log("RETR thread complete"));
     // The binary loop's log line says "received" although it sends.
     EXPECT_TRUE(log_starts("(" + std::to_string(socket) + ") 1234 bytes received in "));
@@ -307,4 +314,40 @@ TEST_F(FtpFiles, DeletingFiles) {
     set_mode("\\pub\\sub", "rwxrwxrwx");
     EXPECT_EQ(c.cmd("DELE sub"), "550 Permissions denied (delete failed)\r\n");
     EXPECT_TRUE(node("\\pub\\sub"));
+}
+
+TEST(FtpBusyFiles, UnmountWaitsForARunningDownload) {
+    TestServer server({}, [](TempDir& d) {
+        d.write("disk/large.bin", pattern_bytes(48 << 20));
+        d.write("mounts", (d.path() / "disk").string() + "|\\mnt\n");
+    });
+    FtpClient c;
+    c.open(server.ftp_port());
+    c.login("admin", "admin-pass");
+    ASSERT_EQ(c.cmd("CWD /mnt"), "250 CWD command successful\r\n");
+    c.cmd("TYPE I");
+    DataListener data;
+    c.cmd("PORT " + data.port_arg());
+    EXPECT_EQ(c.cmd("RETR large.bin"),
+              "150 Opening BINARY mode data connection (50331648 bytes)\r\n");
+    ASSERT_TRUE(data.accept());
+
+    std::shared_ptr<MountRec> mount;
+    {
+        std::unique_lock lock(server.server().tree_mutex);
+        mount = server.server().vfs->mounts.front();
+        server.server().vfs->mounts.pop_front();
+    }
+    ASSERT_TRUE(start_remove_mount(server.server(), mount, nullptr));
+    EXPECT_TRUE(server.wait_for_log("Checking on busy files..."));
+    EXPECT_TRUE(server.wait_for_log("large.bin"));
+    auto lines = server.log_lines();
+    EXPECT_EQ(std::find(lines.begin(), lines.end(), "Unmounting Now!"), lines.end());
+
+    auto got = data.read_all();
+    ASSERT_TRUE(got);
+    EXPECT_TRUE(*got == pattern_bytes(48 << 20));
+    EXPECT_EQ(c.line(), "226 Transfer complete\r\n");
+    EXPECT_TRUE(server.wait_for_log("Unmounting Now!"));
+    EXPECT_TRUE(server.wait_for_log("Remove mount thread Complete."));
 }

@@ -40,6 +40,9 @@ bool DataListener::accept(std::chrono::milliseconds limit) {
     if (::poll(&p, 1, static_cast<int>(limit.count())) <= 0)
         return false;
     conn_ = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    uint32_t addr = 0;
+    if (conn_ >= 0)
+        peer_ipv4(conn_, addr, server_port_);
     return conn_ >= 0;
 }
 
@@ -99,6 +102,7 @@ FtpClient::Transfer FtpClient::transfer(std::string_view command, const std::str
     if (t.preliminary.rfind("150 ", 0) != 0)
         return t;
     if (data.accept()) {
+        t.server_port = data.server_port();
         if (upload_bytes)
             data.send_and_close(*upload_bytes);
         else

@@ -25,12 +25,15 @@ class DataListener {
     // After accept(): sends the bytes and closes the connection.
     bool send_and_close(std::string_view bytes);
     int connection() const { return conn_; }
+    // The server's port of the accepted connection.
+    int server_port() const { return server_port_; }
 
   private:
     int listen_fd_ = -1;
     int conn_ = -1;
     uint32_t addr_ = 0;
     int port_ = 0;
+    int server_port_ = 0;
 };
 
 class FtpClient : public TestClient {
@@ -53,6 +56,7 @@ class FtpClient : public TestClient {
         std::string preliminary; // the 150 line (or the refusal)
         std::string data;
         std::string final_reply;
+        int server_port = 0; // the local port the server connected from
     };
     Transfer download(std::string_view command) { return transfer(command, nullptr); }
     Transfer upload(std::string_view command, const std::string& bytes) {
