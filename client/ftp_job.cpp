@@ -288,13 +288,17 @@ long FtpJob::send_file(int data_fd, int file_fd) {
 bool FtpJob::confirm(const std::string& question) {
     if (slot->ghost.load())
         return true;
-    say(question);
+    // The state first: an answer (or the user's going away) can then never come before the
+    // question is open.
     set(kQuestion);
+    say(question);
     post_pending_line(server, slot);
     std::unique_lock lock(session->mutex);
     for (;;) {
         uint8_t now = slot->state.load();
-        if (now != kQuestion || slot->ghost.load())
+        if (slot->ghost.load())
+            return true; // nobody is left to say no
+        if (now != kQuestion)
             return now == kAnswerYes;
         if (session->link != link || (link && !link->is_open()) || server.stopping.load())
             return false;

@@ -1,0 +1,442 @@
+// The FTP client and the relay inside a running server, driven through a Telnet session:
+// replies that arrive in awkward pieces, silent servers, the tree after a get, users who go
+// away mid-command, and traffic in both directions at once.
+#include "client/fake_ftp_peer.hpp"
+#include "client/session.hpp"
+#include "core/server.hpp"
+#include "support/test_server.hpp"
+#include "telnetd/shell_client.hpp"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace orv;
+using namespace orv::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+std::string read_file(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string pattern(size_t size, int seed) {
+    std::string out(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        out[i] = static_cast<char>((i * 31 + seed + i / 997) & 0xff);
+    return out;
+}
+
+class ClientSession {
+  public:
+    explicit ClientSession(const std::function<void(TempDir&)>& prepare = nullptr)
+        : server_(TestServerConfig{}, prepare), shell_(server_.telnet_port()) {
+        shell_.login("admin", "admin-pass");
+    }
+
+    TestServer& server() { return server_; }
+    ShellClient& shell() { return shell_; }
+
+    // Types a line; what followed its echo up to `until`.
+    std::string line(const std::string& text, const std::string& until = "ftp> ") {
+        shell_.send(text + "\r\n");
+        shell_.read_until(text + "\r\n");
+        return shell_.read_until(until);
+    }
+
+    std::string connect(FakeFtpPeer& peer) {
+        std::string out = line("ftp 127.0.0.1 " + std::to_string(peer.port()), "): ");
+        shell_.send("remote\r\n");
+        out += shell_.read_until("Password: ");
+        shell_.send("secret\r\n");
+        out += shell_.read_until("ftp> ");
+        return out;
+    }
+
+    // The session record of the (only) Telnet slot.
+    std::shared_ptr<OutgoingSession> session() {
+        for (const SlotPtr& slot : server_.server().conns.snapshot())
+            if (slot->service == Service::Telnet)
+                return slot->outgoing();
+        return nullptr;
+    }
+
+    bool wait_no_users(std::chrono::milliseconds limit = 15s) {
+        auto end = std::chrono::steady_clock::now() + limit;
+        while (std::chrono::steady_clock::now() < end) {
+            if (server_.server().conns.user_count() == 0)
+                return true;
+            std::this_thread::sleep_for(50ms);
+        }
+        return false;
+    }
+
+  private:
+    TestServer server_;
+    ShellClient shell_;
+};
+
+// Answers RETR with `data`, its 150 and 226 in the ways a test asks for.
+FakeFtpPeer::Script retr_script(std::string data) {
+    return [data](FakeFtpPeer& peer, const std::string& verb, const std::string&) {
+        if (verb != "RETR")
+            return false;
+        peer.reply("150 Opening.\r\n");
+        peer.send_data(data);
+        peer.reply("226 Done.\r\n");
+        return true;
+    };
+}
+
+// A host for the relay: echoes (or sends `out` while reading everything) until the client
+// closes, and records what it read.
+class LoopbackHost {
+  public:
+    explicit LoopbackHost(std::string out = {}, bool echo = true)
+        : out_(std::move(out)), echo_(echo) {
+        listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+        socklen_t len = sizeof sa;
+        ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);
+        port_ = ntohs(sa.sin_port);
+        ::listen(listen_fd_, 1);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~LoopbackHost() {
+        stop_ = true;
+        thread_.join();
+        ::close(listen_fd_);
+    }
+    int port() const { return port_; }
+    // Waits until the peer closed; what it had read.
+    bool wait_closed(std::chrono::milliseconds limit) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, limit, [this] { return closed_; });
+    }
+    std::string received() {
+        std::lock_guard lock(mutex_);
+        return in_;
+    }
+    // With `expect_in` bytes read (and everything sent), the host closes.
+    void close_after(size_t expect_in) { close_after_ = expect_in; }
+
+  private:
+    void run() {
+        pollfd p{listen_fd_, POLLIN, 0};
+        while (!stop_ && ::poll(&p, 1, 50) <= 0) {
+        }
+        if (stop_)
+            return;
+        int fd = ::accept(listen_fd_, nullptr, nullptr);
+        size_t sent = 0;
+        std::string echo_pending;
+        while (!stop_) {
+            bool want_out = sent < out_.size() || !echo_pending.empty();
+            pollfd q{fd, static_cast<short>(POLLIN | (want_out ? POLLOUT : 0)), 0};
+            if (::poll(&q, 1, 50) <= 0)
+                continue;
+            if (q.revents & POLLIN) {
+                char buf[65536];
+                ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+                if (n == 0)
+                    break;
+                if (n > 0) {
+                    std::lock_guard lock(mutex_);
+                    in_.append(buf, static_cast<size_t>(n));
+                    if (echo_)
+                        echo_pending.append(buf, static_cast<size_t>(n));
+                }
+            }
+            if (q.revents & POLLOUT) {
+                std::string_view rest = sent < out_.size()
+                                            ? std::string_view(out_).substr(sent, 65536)
+                                            : std::string_view(echo_pending);
+                ssize_t n = ::send(fd, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                if (n > 0) {
+                    if (sent < out_.size())
+                        sent += static_cast<size_t>(n);
+                    else
+                        echo_pending.erase(0, static_cast<size_t>(n));
+                }
+            }
+            size_t have;
+            {
+                std::lock_guard lock(mutex_);
+                have = in_.size();
+            }
+            if (close_after_ > 0 && have >= close_after_ && sent >= out_.size())
+                break;
+        }
+        ::close(fd);
+        std::lock_guard lock(mutex_);
+        closed_ = true;
+        cv_.notify_all();
+    }
+
+    std::string out_;
+    bool echo_;
+    int listen_fd_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::atomic<size_t> close_after_{0};
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::string in_;
+    bool closed_ = false;
+    std::thread thread_;
+};
+
+} // namespace
+
+TEST(ClientProtocol, SplitGreetingAndATransferWhoseRepliesCameTogether) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 hel", "lo\r\n"},
+                     [](FakeFtpPeer& p, const std::string& verb, const std::string&) {
+                         if (verb != "RETR")
+                             return false;
+                         p.send_data("abc");
+                         p.reply("150 Opening.\r\n226 Done.\r\n");
+                         return true;
+                     });
+    std::string out = c.line("ftp 127.0.0.1 " + std::to_string(peer.port()), "): ");
+    EXPECT_EQ(out, "Connecting to 127.0.0.1 ...\r\n220 hello\r\nUser (admin): ");
+    c.shell().send("remote\r\n");
+    EXPECT_EQ(c.shell().read_until("Password: "), "remote\r\n331 Password required.\r\nPassword: ");
+    c.shell().send("secret\r\n");
+    EXPECT_EQ(c.shell().read_until("ftp> "), "\r\n\r230 Logged in.\r\n200 Type set to A.\r\nftp> ");
+    EXPECT_EQ(c.line("hash off"), "ftp> ");
+    out = c.line("get small.txt");
+    EXPECT_NE(out.find("150 Opening.\r\n226 Done.\r\n("), std::string::npos) << out;
+    EXPECT_NE(out.find(" 3 bytes received in "), std::string::npos) << out;
+    EXPECT_EQ(out.substr(out.size() - 29), "226 Transfer complete.\r\nftp> ");
+    EXPECT_EQ(read_file(c.server().home() / "small.txt"), "abc");
+}
+
+TEST(ClientProtocol, TransferEndThatOvertakesTheDataConnection) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [](FakeFtpPeer& p, const std::string& verb, const std::string&) {
+                         if (verb != "RETR")
+                             return false;
+                         p.reply("150 Opening.\r\n");
+                         std::this_thread::sleep_for(300ms);
+                         p.reply("226 Done.\r\n"); // before the data connection exists
+                         std::this_thread::sleep_for(300ms);
+                         p.send_data("late data");
+                         return true;
+                     });
+    c.connect(peer);
+    c.line("hash off");
+    std::string out = c.line("get late.txt");
+    EXPECT_EQ(out.substr(out.size() - 29), "226 Transfer complete.\r\nftp> ") << out;
+    EXPECT_EQ(read_file(c.server().home() / "late.txt"), "late data");
+    EXPECT_TRUE(c.server().wait_for_log("**** Start UNHANDLED STATUS ****"));
+    EXPECT_TRUE(c.server().wait_for_log("226 Done.\r\n"));
+}
+
+TEST(ClientProtocol, ListingsTravelInAsciiAndTheTypeIsRestored) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [](FakeFtpPeer& p, const std::string& verb, const std::string&) {
+                         if (verb != "NLST")
+                             return false;
+                         p.reply("150 Here.\r\n");
+                         p.send_data("a\r\nb\r\n");
+                         std::this_thread::sleep_for(100ms);
+                         p.reply("226 Listed.\r\n");
+                         return true;
+                     });
+    c.connect(peer);
+    EXPECT_EQ(c.line("bin"), "200 Type set to I.\r\nftp> ");
+    EXPECT_EQ(c.line("ls"), "200 Type set to A.\r\n200 PORT ok.\r\n150 Here.\r\na\r\nb\r\n"
+                            "226 ASCII Transfer complete.\r\n200 Type set to I.\r\nftp> ");
+    std::vector<std::string> cmds = peer.commands();
+    ASSERT_GE(cmds.size(), 5u);
+    EXPECT_EQ(cmds[cmds.size() - 4], "TYPE A");
+    EXPECT_EQ(cmds[cmds.size() - 3].substr(0, 15), "PORT 127,0,0,1,");
+    EXPECT_EQ(cmds[cmds.size() - 2], "NLST");
+    EXPECT_EQ(cmds.back(), "TYPE I");
+}
+
+TEST(ClientProtocol, SilentServerAndOneThatIgnoresQuit) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [](FakeFtpPeer&, const std::string& verb, const std::string&) {
+                         return verb == "XPWD"; // never answered
+                     });
+    peer.ignore_quit();
+    c.connect(peer);
+    auto session = c.session();
+    ASSERT_TRUE(session);
+    {
+        std::lock_guard lock(session->mutex);
+        session->reply_timeout_ms = 300;
+        session->quit_timeout_ms = 200;
+    }
+    EXPECT_EQ(c.line("pwd"), "ftp> ");
+    EXPECT_EQ(c.line("bye", "# "), "221 Bye.\r\n# ");
+    EXPECT_TRUE(peer.wait_closed(5s));
+}
+
+TEST(ClientProtocol, ReceivedFileIsRenewedInPlace) {
+    ClientSession c([](TempDir& dir) {
+        dir.write("home/box/a.txt", "aaaa");
+        dir.write("home/box/b.txt", "bbbb");
+        dir.write("home/box/c.txt", "cccc");
+    });
+    FakeFtpPeer peer({"220 ready\r\n"}, retr_script("fresh contents"));
+    std::string before = c.line("ls \\box\\", "# ");
+    c.connect(peer);
+    c.line("hash off");
+    EXPECT_EQ(c.line("lcd box"), "Local directory now: \\box\r\nftp> ");
+    c.line("get remote.txt b.txt");
+    c.line("bye", "# ");
+    std::string after = c.line("ls \\box\\", "# ");
+    // Same children in the same order; b.txt now the user's, with the new size.
+    auto order = [](const std::string& listing) {
+        std::vector<std::pair<size_t, std::string>> at;
+        for (const char* n : {"a.txt", "b.txt", "c.txt"})
+            at.emplace_back(listing.find(n), n);
+        std::sort(at.begin(), at.end());
+        std::string out;
+        for (const auto& [pos, name] : at)
+            out += pos == std::string::npos ? std::string("missing ") : name + " ";
+        return out;
+    };
+    EXPECT_EQ(order(after), order(before)) << before << after;
+    EXPECT_EQ(order(after).find("missing"), std::string::npos) << after;
+    EXPECT_NE(
+        after.find("-rwxr-xr-x     admin    <none>   " + std::string(8, ' ') + "14 b.txt\r\n"),
+        std::string::npos)
+        << after;
+    EXPECT_EQ(read_file(c.server().home() / "box" / "b.txt"), "fresh contents");
+}
+
+TEST(ClientProtocol, ThreadThatCannotStartIsOnlyLogged) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"}, nullptr);
+    c.connect(peer);
+    c.server().server().workers.set_refuse_spawns(true);
+    c.shell().send("dir\r\n");
+    EXPECT_TRUE(c.server().wait_for_log("**** Failed to create oftp DIR Thread ****"));
+    EXPECT_EQ(c.shell().raw().read_quiet(300ms), "dir\r\n");
+    c.server().server().workers.set_refuse_spawns(false);
+}
+
+TEST(ClientGhost, UserGoneDuringAGetLeavesNoConnection) {
+    ClientSession c;
+    std::string data = pattern(1 << 20, 3);
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [&data](FakeFtpPeer& p, const std::string& verb, const std::string&) {
+                         if (verb != "RETR")
+                             return false;
+                         p.reply("150 Opening.\r\n");
+                         p.send_data(data, 20ms);
+                         p.reply("226 Done.\r\n");
+                         return true;
+                     });
+    c.connect(peer);
+    c.line("bin");
+    c.shell().send("get slow.bin\r\n");
+    c.shell().read_until("150 Opening.\r\n");
+    c.shell().raw().close();
+    EXPECT_TRUE(c.server().wait_for_log("Outgoing FTP connection logged off", 20s));
+    EXPECT_TRUE(peer.wait_closed(10s));
+    EXPECT_TRUE(c.server().wait_for_log("(-1) Ghost user AutoKill thread complete", 10s));
+    EXPECT_TRUE(c.wait_no_users());
+    EXPECT_EQ(read_file(c.server().home() / "slow.bin"), data);
+}
+
+TEST(ClientGhost, UserGoneAtAQuestionAnswersYes) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [](FakeFtpPeer& p, const std::string& verb, const std::string& arg) {
+                         if (verb == "NLST") {
+                             p.reply("150 Names.\r\n");
+                             p.send_data("one\r\ntwo\r\n");
+                             p.reply("226 Listed.\r\n");
+                             return true;
+                         }
+                         if (verb == "RETR") {
+                             p.reply("150 Opening.\r\n");
+                             p.send_data("file " + arg);
+                             p.reply("226 Done.\r\n");
+                             return true;
+                         }
+                         return false;
+                     });
+    c.connect(peer);
+    c.shell().send("mget x*\r\n");
+    c.shell().read_until("get one [y/n]? ");
+    c.shell().raw().close();
+    EXPECT_TRUE(peer.wait_closed(20s));
+    EXPECT_TRUE(c.wait_no_users());
+    EXPECT_EQ(read_file(c.server().home() / "one"), "file one");
+    EXPECT_EQ(read_file(c.server().home() / "two"), "file two");
+}
+
+TEST(ClientGhost, UserGoneDuringARelayClosesTheHostConnection) {
+    ClientSession c;
+    LoopbackHost host;
+    c.line("telnet 127.0.0.1 " + std::to_string(host.port()), "...\r\n");
+    c.shell().send("ping");
+    EXPECT_EQ(c.shell().read_until("ping"), "ping");
+    c.shell().raw().close();
+    EXPECT_TRUE(host.wait_closed(10s));
+    EXPECT_TRUE(c.server().wait_for_log("Outgoing Telnet connection logged off"));
+    EXPECT_TRUE(c.wait_no_users());
+}
+
+TEST(ClientConcurrency, RelayCarriesBothDirectionsInOrderForASlowUser) {
+    ClientSession c;
+    std::string down = pattern(3 << 20, 1);
+    std::string up = pattern(1 << 20, 2);
+    LoopbackHost host(down, false);
+    host.close_after(up.size());
+    c.line("telnet 127.0.0.1 " + std::to_string(host.port()), "...\r\n");
+    std::thread typist([&] {
+        for (size_t at = 0; at < up.size(); at += 4096)
+            c.shell().raw().send(std::string_view(up).substr(at, 4096));
+    });
+    std::this_thread::sleep_for(1s); // the user reads nothing for a while
+    std::string got = c.shell().raw().read_exact(down.size(), 60s);
+    typist.join();
+    EXPECT_TRUE(got == down) << got.size() << " of " << down.size();
+    EXPECT_TRUE(host.wait_closed(30s));
+    EXPECT_TRUE(host.received() == up) << host.received().size() << " of " << up.size();
+    EXPECT_EQ(c.shell().read_until("# "), "# ");
+}
+
+TEST(ClientConcurrency, ShutdownDuringATransferEndsIt) {
+    auto c = std::make_unique<ClientSession>();
+    std::string data = pattern(1 << 20, 4);
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [&data](FakeFtpPeer& p, const std::string& verb, const std::string&) {
+                         if (verb != "RETR")
+                             return false;
+                         p.reply("150 Opening.\r\n");
+                         p.send_data(data, 20ms);
+                         p.reply("226 Done.\r\n");
+                         return true;
+                     });
+    c->connect(peer);
+    c->shell().send("get slow.bin\r\n");
+    c->shell().read_until("150 Opening.\r\n");
+    c->server().stop();
+    EXPECT_TRUE(peer.wait_closed(10s));
+    EXPECT_EQ(c->server().server().workers.running(), 0);
+}
