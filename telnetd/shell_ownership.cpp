@@ -17,19 +17,18 @@ namespace {
 // The texts that differ between the three commands. chmod answers an unresolved directory
 // with chown's text on purpose.
 struct OwnershipTexts {
-    const char* name;
     const char* no_such_dir;
     const char* no_match;
     const char* refused;
 };
 
-constexpr OwnershipTexts kChmodTexts{"chmod", "chown: %s: No such file or directory\r\n",
+constexpr OwnershipTexts kChmodTexts{"chown: %s: No such file or directory\r\n",
                                      "chmod: %s: No files matched your criteria\r\n",
                                      "chmod: WARNING: can't change %s\r\n"};
-constexpr OwnershipTexts kChownTexts{"chown", "chown: %s: No such file or directory\r\n",
+constexpr OwnershipTexts kChownTexts{"chown: %s: No such file or directory\r\n",
                                      "chown: %s: No files matched your criteria\r\n",
                                      "chown: %s: Not owner\r\n"};
-constexpr OwnershipTexts kChgrpTexts{"chgrp", "chgrp: %s: No such file or directory\r\n",
+constexpr OwnershipTexts kChgrpTexts{"chgrp: %s: No such file or directory\r\n",
                                      "chgrp: %s: No files matched your criteria\r\n",
                                      "chgrp: %s: Not owner\r\n"};
 

@@ -28,6 +28,13 @@ ControlEvents telnet_events(Server& server) {
     return events;
 }
 
+// Echo and option replies go out with one non-blocking send: a short send is not retried, so a
+// client that sends without ever reading cannot make the event thread wait for it.
+void echo(const SlotPtr& slot, std::string_view bytes) {
+    if (!bytes.empty())
+        slot->send_some(bytes.data(), bytes.size());
+}
+
 bool is_password_state(uint8_t state) {
     return state == kStatePassword || state == kStateOftpPassword;
 }
@@ -39,7 +46,7 @@ void take_command_line(Server& server, const SlotPtr& slot) {
     if (!line)
         return;
     if (send_lf)
-        slot->send_text("\n");
+        echo(slot, "\n");
     uint8_t state = slot->state;
     int socket = slot->socket;
     if (!line->empty()) {
@@ -57,14 +64,13 @@ void take_command_line(Server& server, const SlotPtr& slot) {
 }
 
 // A complete answer to a yes/no question decides it; an empty one leaves it waiting.
-void take_answer(Server& server, const SlotPtr& slot) {
-    (void)server;
+void take_answer(const SlotPtr& slot) {
     bool send_lf = false;
     std::optional<std::string> line = take_line(slot->line_buf, send_lf);
     if (!line)
         return;
     if (send_lf)
-        slot->send_text("\n");
+        echo(slot, "\n");
     if (line->empty())
         return;
     uint8_t next =
@@ -120,17 +126,15 @@ void handle_read(Server& server, const SlotPtr& slot, const char* data, size_t s
         return;
     case kStateTransfer: {
         InputResult r = feed_transfer(slot->line_buf, bytes);
-        if (!r.reply.empty())
-            slot->send_text(r.reply);
+        echo(slot, r.reply);
         if (r.interrupted)
             client::send_outgoing(slot, "ABOR\r\n");
         return;
     }
     case kStateQuestion: {
         InputResult r = feed_question(slot->line_buf, bytes);
-        if (!r.reply.empty())
-            slot->send_text(r.reply);
-        take_answer(server, slot);
+        echo(slot, r.reply);
+        take_answer(slot);
         return;
     }
     case kStateMorePage:
@@ -141,8 +145,7 @@ void handle_read(Server& server, const SlotPtr& slot, const char* data, size_t s
         break;
     }
     InputResult r = feed_ordinary(slot->line_buf, bytes, state);
-    if (!r.reply.empty())
-        slot->send_text(r.reply);
+    echo(slot, r.reply);
     if (r.interrupted) {
         uint8_t expected = kStateCommand;
         slot->state.compare_exchange_strong(expected, kStateInterrupt);
@@ -158,7 +161,7 @@ void process_pending_line(Server& server, const SlotPtr& slot) {
     if (state == kStateMorePage)
         take_more_key(slot);
     else if (state == kStateQuestion)
-        take_answer(server, slot);
+        take_answer(slot);
     else if (state <= kStateOftpConnected)
         take_command_line(server, slot);
 }
