@@ -1,0 +1,588 @@
+#!/usr/bin/env python3
+"""FTP speed and memory of Orvane Server, and with --peers side by side with the FTP servers
+people would otherwise install, measured in one run on one machine.
+
+    python3 bench/ftp_bench.py [--build DIR] [--work DIR] [--peers] [--quick]
+
+Every server serves the same directory on 127.0.0.1 to the same account, one server at a
+time (all of them connect their data connections from local port 20), and the same load
+client (ftp_load, built with the project) runs the same active-mode workloads against each.
+See README.md in this folder.
+"""
+
+import argparse
+import os
+import pwd
+import re
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+ACCOUNT = "orvbench"
+PASSWORD = "Bench-pass-42"
+SIZE_BIG = 1 << 30
+SIZE_PAR = 64 << 20
+PAR_CLIENTS = 32
+LIST_FILES = 10000
+LOGIN_CLIENTS = 8
+IDLE_SESSIONS = 200
+IDLE_MANY = 10000
+PEER_PACKAGES = {"vsftpd": "vsftpd", "proftpd": "proftpd-core", "pure-ftpd": "pure-ftpd"}
+# What the peers' binaries need beside themselves; they are unpacked, not installed, because
+# Debian lets only one FTP server package be installed at a time.
+PEER_LIBRARIES = ["libwrap0", "libhiredis0.14", "libmemcached11", "libmemcachedutil2",
+                  "libpcre2-posix3", "libsodium23", "libcap2", "libpam-modules"]
+WAIT = 60.0
+
+# The issue's anchors (best peer per figure, measured earlier on this kind of machine). Shown
+# beside a run without --peers only, as a rough guide: figures drift, ratios need one run.
+ANCHOR_BEST = {"retr": 1990.0, "stor": 1138.0, "par": 1858.0, "logins": 83.0, "list": 36.0,
+               "mem": 412.0}
+
+FIGURES = [
+    # key, label, unit, higher is better, goal (ratio to the best peer)
+    ("retr", "RETR 1 GiB from page cache", "MB/s", True, 1.5),
+    ("stor", "STOR 1 GiB to disk", "MB/s", True, 1.0),
+    ("par", "32 x 64 MiB RETR at once", "MB/s", True, 1.2),
+    ("logins", "logins/s, 8 clients", "1/s", True, 10.0),
+    ("list", "LIST of 10,000 files", "ms", False, 0.5),
+    ("mem", "PSS per idle session", "KiB", False, 0.1),
+]
+
+
+def log(text):
+    print(text, flush=True)
+
+
+def run(cmd, **kw):
+    return subprocess.run(cmd, check=True, timeout=kw.pop("timeout", 600), **kw)
+
+
+def load_average():
+    with open("/proc/loadavg") as f:
+        return " ".join(f.read().split()[:3])
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_port(port, proc, limit=WAIT):
+    end = time.monotonic() + limit
+    while time.monotonic() < end:
+        if proc.poll() is not None:
+            raise RuntimeError("server exited with status %s" % proc.returncode)
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=2) as s:
+                s.settimeout(5)
+                if s.recv(4).startswith(b"220"):
+                    return
+        except OSError:
+            pass
+        time.sleep(0.1)
+    raise RuntimeError("server did not answer on port %d" % port)
+
+
+# ---------------------------------------------------------------------------------------------
+# The shared files
+
+
+def write_file(path, size, seed):
+    if os.path.exists(path) and os.path.getsize(path) == size:
+        return
+    block = (bytes(range(256)) * 4096)[seed % 256:] + bytes(range(256))[: seed % 256]
+    with open(path + ".part", "wb") as f:
+        left = size
+        while left > 0:
+            f.write(block[: min(left, len(block))])
+            left -= len(block)
+    os.rename(path + ".part", path)
+
+
+def prepare_home(home):
+    """big.bin, par/p00..p31, many/ with 10,000 files; kept between runs."""
+    os.makedirs(os.path.join(home, "par"), exist_ok=True)
+    os.makedirs(os.path.join(home, "many"), exist_ok=True)
+    write_file(os.path.join(home, "big.bin"), SIZE_BIG, 1)
+    for i in range(PAR_CLIENTS):
+        write_file(os.path.join(home, "par", "p%02d" % i), SIZE_PAR, i + 2)
+    many = os.path.join(home, "many")
+    if len(os.listdir(many)) != LIST_FILES:
+        for i in range(LIST_FILES):
+            with open(os.path.join(many, "file%05d.dat" % i), "wb") as f:
+                f.write(b"x" * (i % 4000))
+    for name in os.listdir(home):
+        if name.startswith("stor."):
+            os.unlink(os.path.join(home, name))
+    # Into the page cache, as the RETR figures promise.
+    for path in [os.path.join(home, "big.bin")] + [os.path.join(home, "par", "p%02d" % i)
+                                                   for i in range(PAR_CLIENTS)]:
+        with open(path, "rb") as f:
+            while f.read(1 << 24):
+                pass
+
+
+def ensure_account(home):
+    """The local system account the peers authenticate; its password goes through the
+    system's own hashing as any account's does."""
+    try:
+        pwd.getpwnam(ACCOUNT)
+    except KeyError:
+        run(["useradd", "--no-create-home", "--home-dir", home, "--shell", "/bin/sh", ACCOUNT])
+    run(["usermod", "--home", home, ACCOUNT])
+    run(["chpasswd"], input=("%s:%s\n" % (ACCOUNT, PASSWORD)).encode())
+    entry = pwd.getpwnam(ACCOUNT)
+    for root, dirs, files in os.walk(home):
+        for name in dirs + files + ["."]:
+            os.lchown(os.path.join(root, name), entry.pw_uid, entry.pw_gid)
+    return entry
+
+
+def unpack_peers(work):
+    """Debian's packages of the three peers, unpacked under work/peers (their libraries are
+    installed normally)."""
+    missing = [p for p in PEER_LIBRARIES
+               if subprocess.run(["dpkg", "-s", p], capture_output=True).returncode != 0]
+    if missing:
+        log("installing %s ..." % " ".join(missing))
+        env = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
+        if subprocess.run(["apt-get", "install", "-y", "-q", "--no-install-recommends"] + missing,
+                          env=env, capture_output=True).returncode != 0:
+            run(["apt-get", "update", "-q"], env=env, capture_output=True)
+            run(["apt-get", "install", "-y", "-q", "--no-install-recommends"] + missing, env=env,
+                capture_output=True)
+    roots = {}
+    debs = os.path.join(work, "debs")
+    os.makedirs(debs, exist_ok=True)
+    os.chmod(debs, 0o777)
+    for name, package in PEER_PACKAGES.items():
+        root = os.path.join(work, "peers", name)
+        if not os.path.exists(os.path.join(root, ".unpacked")):
+            found = [f for f in os.listdir(debs) if f.startswith(package + "_")]
+            if not found:
+                log("downloading %s ..." % package)
+                run(["apt-get", "download", package], cwd=debs, capture_output=True)
+                found = [f for f in os.listdir(debs) if f.startswith(package + "_")]
+            shutil.rmtree(root, ignore_errors=True)
+            os.makedirs(root)
+            run(["dpkg-deb", "-x", os.path.join(debs, sorted(found)[-1]), root])
+            open(os.path.join(root, ".unpacked"), "w").close()
+        roots[name] = root
+    return roots
+
+
+# ---------------------------------------------------------------------------------------------
+# The servers
+
+
+class ServerProcess:
+    name = ""
+
+    def __init__(self, home, conf_dir):
+        self.home = home
+        self.dir = conf_dir
+        self.port = free_port()
+        self.proc = None
+        os.makedirs(conf_dir, exist_ok=True)
+
+    def command(self):
+        raise NotImplementedError
+
+    def start(self):
+        self.out = open(os.path.join(self.dir, "output.log"), "wb")
+        self.proc = subprocess.Popen(self.command(), cwd=self.dir, stdout=self.out,
+                                     stderr=subprocess.STDOUT, start_new_session=True)
+        wait_port(self.port, self.proc)
+
+    def pids(self):
+        """The server's processes: the one started and everything below it."""
+        children = {}
+        for entry in os.listdir("/proc"):
+            if not entry.isdigit():
+                continue
+            try:
+                with open("/proc/%s/stat" % entry) as f:
+                    ppid = int(f.read().rsplit(")", 1)[1].split()[1])
+            except (OSError, IndexError, ValueError):
+                continue
+            children.setdefault(ppid, []).append(int(entry))
+        out, todo = [], [self.proc.pid]
+        while todo:
+            pid = todo.pop()
+            out.append(pid)
+            todo.extend(children.get(pid, []))
+        return out
+
+    def pss_kib(self):
+        total = 0
+        for pid in self.pids():
+            try:
+                with open("/proc/%d/smaps_rollup" % pid) as f:
+                    for line in f:
+                        if line.startswith("Pss:"):
+                            total += int(line.split()[1])
+            except OSError:
+                pass
+        return total
+
+    def stop(self):
+        if self.proc and self.proc.poll() is None:
+            try:
+                os.killpg(self.proc.pid, signal.SIGTERM)
+            except ProcessLookupError:
+                pass
+            try:
+                self.proc.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+                self.proc.wait(timeout=30)
+        # Forked sessions of a peer may outlive their master for a moment.
+        end = time.monotonic() + 10
+        while time.monotonic() < end:
+            try:
+                os.killpg(self.proc.pid, 0)
+            except (ProcessLookupError, PermissionError):
+                break
+            try:
+                os.killpg(self.proc.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                break
+            time.sleep(0.1)
+        self.out.close()
+
+
+class Orvane(ServerProcess):
+    name = "Orvane"
+
+    def __init__(self, home, conf_dir, binary):
+        super().__init__(home, conf_dir)
+        self.binary = binary
+        with open(os.path.join(conf_dir, "settings.ini"), "w") as f:
+            f.write("[Server_Settings]\nserverhome=%s\nmaxusers=%d\n[Services]\ntelnet=0\n"
+                    "ftp=1\nftp_port=%d\n" % (home, IDLE_MANY, self.port))
+        encoded = run([binary, "--encode-password", ACCOUNT, PASSWORD], capture_output=True,
+                      text=True).stdout.strip()
+        with open(os.path.join(conf_dir, "users"), "w") as f:
+            f.write("%s:101:%s:%d:4:\\\n" % (ACCOUNT, encoded, IDLE_MANY))
+        # The home is open to the account: it downloads, lists and stores there.
+        with open(os.path.join(conf_dir, "fpl.txt"), "w") as f:
+            f.write("\\:d:root:root:111111111\n")
+        for stale in ("groups", "mounts", "debug.txt", "motd.txt"):
+            if os.path.exists(os.path.join(conf_dir, stale)):
+                os.unlink(os.path.join(conf_dir, stale))
+
+    def command(self):
+        return [self.binary, "--headless", "-C", self.dir]
+
+    def start(self):
+        # The start directory is the one the tables are written back to: start from scratch.
+        super().start()
+
+
+class Vsftpd(ServerProcess):
+    name = "vsftpd"
+
+    def __init__(self, home, conf_dir, root):
+        super().__init__(home, conf_dir)
+        self.root = root
+        empty = os.path.join(conf_dir, "empty")
+        os.makedirs(empty, exist_ok=True)
+        conf = os.path.join(conf_dir, "vsftpd.conf")
+        with open(conf, "w") as f:
+            f.write("\n".join([
+                "listen=YES", "listen_address=127.0.0.1", "listen_port=%d" % self.port,
+                "background=NO", "anonymous_enable=NO", "local_enable=YES", "write_enable=YES",
+                "local_umask=022", "connect_from_port_20=YES", "seccomp_sandbox=NO",
+                "isolate=NO", "isolate_network=NO", "max_clients=0", "max_per_ip=0",
+                # No service file of its own: PAM's "other" service, the system's common-auth.
+                "pam_service_name=orvbench-vsftpd", "secure_chroot_dir=%s" % empty,
+                "xferlog_enable=NO", "dirmessage_enable=NO", "tcp_wrappers=NO",
+                "userlist_enable=NO", "chroot_local_user=NO", ""]))
+        os.chmod(conf, 0o600)
+        self.conf = conf
+
+    def command(self):
+        return [os.path.join(self.root, "usr/sbin/vsftpd"), self.conf]
+
+
+class Proftpd(ServerProcess):
+    name = "proftpd"
+
+    def __init__(self, home, conf_dir, root):
+        super().__init__(home, conf_dir)
+        self.root = root
+        conf = os.path.join(conf_dir, "proftpd.conf")
+        os.chmod(conf_dir, 0o755)
+        with open(conf, "w") as f:
+            f.write("\n".join([
+                'ServerName "bench"', "ServerType standalone", "DefaultServer on",
+                "Port %d" % self.port, "DefaultAddress 127.0.0.1", "SocketBindTight on",
+                "UseIPv6 off", "User nobody", "Group nogroup", "Umask 022",
+                "MaxInstances 12000", "PidFile %s/proftpd.pid" % conf_dir,
+                "ScoreboardFile %s/proftpd.scoreboard" % conf_dir, "DelayTable none",
+                "WtmpLog off", "UseReverseDNS off", "<IfModule mod_ident.c>",
+                "IdentLookups off", "</IfModule>", "RequireValidShell off",
+                "AuthOrder mod_auth_unix.c", "AllowOverwrite on", "TransferLog none",
+                "SystemLog %s/system.log" % conf_dir, "UseSendfile on",
+                "ModulePath %s/usr/lib/proftpd" % root] + EXTRA + [""]))
+        self.conf = conf
+
+    def command(self):
+        return [os.path.join(self.root, "usr/sbin/proftpd"), "--nodaemon", "--config",
+                self.conf]
+
+
+class PureFtpd(ServerProcess):
+    name = "pure-ftpd"
+
+    def __init__(self, home, conf_dir, root):
+        super().__init__(home, conf_dir)
+        self.root = root
+
+    def command(self):
+        return [os.path.join(self.root, "usr/sbin/pure-ftpd"),
+                "--bind", "127.0.0.1,%d" % self.port, "--dontresolve", "--noanonymous",
+                "--login", "unix", "--maxclientsnumber", str(IDLE_MANY + 100),
+                "--maxclientsperip", str(IDLE_MANY + 100), "--syslogfacility", "none"]
+
+
+# ---------------------------------------------------------------------------------------------
+# The workloads
+
+
+class Load:
+    def __init__(self, binary, server):
+        self.binary = binary
+        self.server = server
+
+    def base(self):
+        return [self.binary, str(self.server.port), ACCOUNT, PASSWORD]
+
+    def values(self, args, key, timeout=600):
+        done = subprocess.run(self.base() + args, capture_output=True, text=True,
+                              timeout=timeout)
+        if done.returncode != 0:
+            raise RuntimeError("%s %s failed: %s" % (self.server.name, " ".join(args),
+                                                     done.stderr.strip()))
+        out = done.stdout
+        return [float(line.split()[1]) for line in out.splitlines() if line.startswith(key + " ")]
+
+    def idle(self, count, settle=1.0):
+        """Holds `count` logged-in sessions and returns the server's PSS meanwhile."""
+        proc = subprocess.Popen(self.base() + ["idle", str(count)], stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, text=True)
+        try:
+            opened = None
+            end = time.monotonic() + 300
+            while time.monotonic() < end:
+                line = proc.stdout.readline()
+                if not line:
+                    raise RuntimeError("idle sessions failed (status %s)" % proc.wait())
+                if line.startswith("idle_open_seconds"):
+                    opened = float(line.split()[1])
+                    break
+            time.sleep(settle)
+            pss = self.server.pss_kib()
+            processes = len(self.server.pids())
+        finally:
+            try:
+                proc.stdin.write("\n")
+                proc.stdin.close()
+            except OSError:
+                pass
+            proc.wait(timeout=120)
+        return pss, processes, opened
+
+
+def median(values):
+    return statistics.median(values) if values else float("nan")
+
+
+def fd_count(pid):
+    try:
+        return len(os.listdir("/proc/%d/fd" % pid))
+    except OSError:
+        return -1
+
+
+def measure(server, load, home, quick, extra):
+    runs = 1 if quick else 5
+    res, notes = {}, []
+    log("  logins ...")
+    res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), "2" if quick else "5"],
+                                       "logins_per_s"))
+    log("  list ...")
+    lists = load.values(["list", "many", str(3 if quick else 15)], "list_ms")
+    res["list"] = median(lists[1:] if len(lists) > 1 else lists)
+    log("  retr ...")
+    retr = load.values(["retr", "big.bin", str(SIZE_BIG), str(runs + 1)], "retr_mbps")
+    res["retr"] = median(retr[1:])
+    log("  stor ...")
+    stor = load.values(["stor", os.path.join(home, "big.bin"), "stor", str(runs), home],
+                       "stor_mbps")
+    for name in os.listdir(home):
+        if name.startswith("stor."):
+            os.unlink(os.path.join(home, name))
+    res["stor"] = median(stor)
+    log("  32 x 64 MiB ...")
+    par = load.values(["par", "par", "p", str(PAR_CLIENTS), str(SIZE_PAR), str(1 if quick else 3)],
+                      "par_mbps")
+    res["par"] = median(par)
+    log("  idle sessions ...")
+    base = server.pss_kib()
+    pss, processes, _ = load.idle(IDLE_SESSIONS)
+    res["mem"] = pss / IDLE_SESSIONS
+    notes.append("%s: %d idle sessions: PSS %d KiB in %d processes (%d KiB before them); "
+                 "%.1f KiB per session above that" % (server.name, IDLE_SESSIONS, pss,
+                                                      processes, base,
+                                                      (pss - base) / IDLE_SESSIONS))
+    if extra:
+        # Everything of the previous sessions must be gone before all 10,000 places are used.
+        resting = None
+        end = time.monotonic() + 30
+        while time.monotonic() < end:
+            now = fd_count(server.proc.pid)
+            if now == resting:
+                break
+            resting = now
+            time.sleep(0.5)
+        log("  %d idle sessions ..." % IDLE_MANY)
+        pss, processes, opened = load.idle(IDLE_MANY, settle=2.0)
+        res["many"] = pss / IDLE_MANY
+        notes.append("%s: %d idle sessions held by one process: PSS %.1f MiB, %.1f KiB per "
+                     "session (%.1f KiB above the idle server), opened in %.1f s"
+                     % (server.name, IDLE_MANY, pss / 1024.0, pss / IDLE_MANY,
+                        (pss - base) / IDLE_MANY, opened))
+    return res, notes
+
+
+def tree_build(build, work, quick):
+    binary = os.path.join(build, "bench", "tree_build")
+    out = run([binary, os.path.join(work, "tree"), "3" if quick else "5"], capture_output=True,
+              text=True, timeout=900).stdout
+    m = re.search(r"build / find\s+([\d.]+)", out)
+    return (float(m.group(1)) if m else float("nan")), out
+
+
+# ---------------------------------------------------------------------------------------------
+
+
+def ratio_text(ours, best, higher):
+    if not best or best != best or ours != ours:
+        return "", None
+    r = ours / best
+    return "%.2fx" % r, r
+
+
+def report(results, peers, notes):
+    names = ["Orvane"] + peers
+    head = "%-28s %6s" % ("figure", "unit") + "".join("%11s" % n for n in names)
+    if peers:
+        head += "%11s %8s %8s  %s" % ("best peer", "ratio", "goal", "")
+    else:
+        head += "%11s %8s %8s" % ("anchor", "ratio", "goal")
+    log("")
+    log(head)
+    log("-" * len(head))
+    verdicts = []
+    for key, label, unit, higher, goal in FIGURES:
+        row = "%-28s %6s" % (label, unit)
+        for n in names:
+            v = results.get(n, {}).get(key)
+            row += "%11s" % ("%.1f" % v if v is not None else "-")
+        ours = results["Orvane"][key]
+        if peers:
+            values = [results[p][key] for p in peers if key in results.get(p, {})]
+            best = (max if higher else min)(values) if values else None
+        else:
+            best = ANCHOR_BEST[key]
+        text, r = ratio_text(ours, best, higher)
+        ok = r is not None and (r >= goal if higher else r <= goal)
+        goal_text = ("%s%.1fx" % (">=" if higher else "<=", goal))
+        row += "%11s %8s %8s" % ("%.1f" % best if best else "-", text, goal_text)
+        if peers:
+            row += "  %s" % ("met" if ok else "MISSED")
+        verdicts.append((label, ok))
+        log(row)
+    for n in notes:
+        log(n)
+    return verdicts
+
+
+def main():
+    here = os.path.dirname(os.path.abspath(__file__))
+    ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    ap.add_argument("--build", default=os.path.join(os.path.dirname(here), "build"),
+                    help="the CMake build folder (default: build/ beside bench/)")
+    ap.add_argument("--work", default="/var/tmp/orvane-bench-ftp",
+                    help="where the shared files, configurations and peers are kept")
+    ap.add_argument("--peers", action="store_true",
+                    help="also unpack, start and measure vsftpd, proftpd and pure-ftpd")
+    ap.add_argument("--quick", action="store_true", help="one run of each workload")
+    args = ap.parse_args()
+
+    args.build = os.path.abspath(args.build)
+    binary = os.path.join(args.build, "orvane-server")
+    load_binary = os.path.join(args.build, "bench", "ftp_load")
+    for path in (binary, load_binary):
+        if not os.access(path, os.X_OK):
+            sys.exit("missing %s: build it first (ninja -C %s orvane-server ftp_load tree_build)"
+                     % (path, args.build))
+    if args.peers and os.geteuid() != 0:
+        sys.exit("--peers needs root (packages, the account, port 20)")
+
+    work = os.path.abspath(args.work)
+    home = os.path.join(work, "home")
+    os.makedirs(home, exist_ok=True)
+    os.chmod(work, 0o755)
+    started = time.monotonic()
+    log("load average at start: %s" % load_average())
+    log("preparing %s ..." % home)
+    prepare_home(home)
+    roots = {}
+    if args.peers:
+        ensure_account(home)
+        roots = unpack_peers(work)
+
+    conf_root = tempfile.mkdtemp(prefix="orvane-bench-conf-", dir=work)
+    os.chmod(conf_root, 0o755)
+    servers = [Orvane(home, os.path.join(conf_root, "orvane"), binary)]
+    if args.peers:
+        servers += [Vsftpd(home, os.path.join(conf_root, "vsftpd"), roots["vsftpd"]),
+                    Proftpd(home, os.path.join(conf_root, "proftpd"), roots["proftpd"]),
+                    PureFtpd(home, os.path.join(conf_root, "pure-ftpd"), roots["pure-ftpd"])]
+    results, notes = {}, []
+    try:
+        for server in servers:
+            log("%s (load average %s) ..." % (server.name, load_average()))
+            server.start()
+            try:
+                results[server.name], n = measure(server, Load(load_binary, server), home,
+                                                  args.quick, extra=server.name == "Orvane")
+                notes += n
+            finally:
+                server.stop()
+    finally:
+        shutil.rmtree(conf_root, ignore_errors=True)
+
+    if os.access(os.path.join(args.build, "bench", "tree_build"), os.X_OK):
+        log("tree build ...")
+        ratio, _ = tree_build(args.build, work, args.quick)
+        notes.append("start-up tree build of 100,000 files / find walk: %.2fx (goal <=2.0x)"
+                     % ratio)
+    else:
+        notes.append("tree build: %s/bench/tree_build is not built" % args.build)
+    notes.append("load average at end: %s; %.0f s in all" % (load_average(),
+                                                             time.monotonic() - started))
+    report(results, [s.name for s in servers[1:]], notes)
+
+
+if __name__ == "__main__":
+    main()

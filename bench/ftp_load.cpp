@@ -1,0 +1,567 @@
+// Load client for the FTP comparison (ftp_bench.py drives it). It speaks plain active-mode FTP
+// to any server on 127.0.0.1, so the same workloads run against every server, and it is kept
+// cheap so that it is not what a figure measures: received data is dropped in the kernel
+// (MSG_TRUNC: no copy to user space), uploads go out with sendfile from the page cache, and
+// every client is a thread of its own doing blocking calls.
+//
+//   ftp_load PORT USER PASSWORD MODE [ARGS...]
+//     retr FILE SIZE RUNS          download FILE RUNS times, one after the other
+//     stor SOURCE NAME RUNS DIR    upload SOURCE as NAME.<run>; DIR/NAME.<run> (the server's
+//                                  side) is deleted after each run, so that the dirty pages of
+//                                  one run do not slow the next
+//     par DIR PREFIX CLIENTS SIZE RUNS  CLIENTS sessions in DIR download PREFIX<nn> at once
+//     logins CLIENTS SECONDS       connect+USER+PASS+QUIT in a loop on CLIENTS threads
+//     list DIR RUNS                LIST DIR, RUNS times
+//     idle SESSIONS                hold SESSIONS logged-in sessions until a line on stdin
+//
+// Results go to standard output as "key value" lines; errors to standard error and exit 1.
+// Every wait has a time-out.
+#include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <iostream>
+#include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kWaitSeconds = 60;
+
+struct Failure {
+    std::string what;
+};
+
+[[noreturn]] void fail(const std::string& what) {
+    throw Failure{what + (errno ? std::string(": ") + std::strerror(errno) : std::string())};
+}
+
+double seconds_since(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+void set_timeouts(int fd) {
+    timeval tv{kWaitSeconds, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+}
+
+sockaddr_in loopback(int port) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    return sa;
+}
+
+class Fd {
+  public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(Fd&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
+    Fd& operator=(Fd&& o) noexcept {
+        if (this != &o) {
+            reset();
+            fd_ = o.fd_;
+            o.fd_ = -1;
+        }
+        return *this;
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int get() const { return fd_; }
+    void reset() {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    int fd_;
+};
+
+// One control connection with its own small read buffer.
+class Control {
+  public:
+    explicit Control(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        if (fd_.get() < 0)
+            fail("socket");
+        set_timeouts(fd_.get());
+        int one = 1;
+        ::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        sockaddr_in sa = loopback(port);
+        if (::connect(fd_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
+            fail("connect to the server");
+        expect(220, "greeting");
+    }
+
+    void send_line(const std::string& line) {
+        std::string text = line + "\r\n";
+        const char* p = text.data();
+        size_t left = text.size();
+        while (left > 0) {
+            ssize_t n = ::send(fd_.get(), p, left, MSG_NOSIGNAL);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                fail("send on the control connection");
+            p += n;
+            left -= static_cast<size_t>(n);
+        }
+    }
+
+    // The code of the next complete reply (multi-line replies end with "ddd ").
+    int reply() {
+        for (;;) {
+            std::string line = next_line();
+            if (line.size() >= 4 && std::isdigit(static_cast<unsigned char>(line[0])) &&
+                std::isdigit(static_cast<unsigned char>(line[1])) &&
+                std::isdigit(static_cast<unsigned char>(line[2])) && line[3] == ' ') {
+                last_ = line;
+                return std::atoi(line.substr(0, 3).c_str());
+            }
+        }
+    }
+
+    void expect(int code, const char* what) {
+        int got = reply();
+        if (got != code) {
+            errno = 0;
+            fail(std::string(what) + ": expected " + std::to_string(code) + ", got \"" + last_ +
+                 "\"");
+        }
+    }
+
+    void login(const std::string& user, const std::string& password) {
+        send_line("USER " + user);
+        expect(331, "USER");
+        send_line("PASS " + password);
+        expect(230, "PASS");
+    }
+
+    // Waits for the server to close after QUIT, so that a session is over when this returns.
+    void quit() {
+        send_line("QUIT");
+        expect(221, "QUIT");
+        char sink[512];
+        while (::recv(fd_.get(), sink, sizeof sink, 0) > 0) {
+        }
+    }
+
+    const std::string& last() const { return last_; }
+
+  private:
+    std::string next_line() {
+        for (;;) {
+            size_t end = buffer_.find("\r\n");
+            if (end != std::string::npos) {
+                std::string line = buffer_.substr(0, end);
+                buffer_.erase(0, end + 2);
+                return line;
+            }
+            char chunk[4096];
+            ssize_t n = ::recv(fd_.get(), chunk, sizeof chunk, 0);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                if (n == 0)
+                    errno = 0;
+                fail("control connection ended while waiting for a reply (last \"" + last_ +
+                     "\", pending \"" + buffer_ + "\")");
+            }
+            buffer_.append(chunk, static_cast<size_t>(n));
+        }
+    }
+
+    Fd fd_;
+    std::string buffer_;
+    std::string last_;
+};
+
+// The client's side of an active-mode data connection: a listener whose address goes out in
+// PORT, accepted once the server connects.
+class DataListener {
+  public:
+    DataListener() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        if (fd_.get() < 0)
+            fail("data socket");
+        sockaddr_in sa = loopback(0);
+        if (::bind(fd_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+            ::listen(fd_.get(), 1) != 0)
+            fail("data listener");
+        socklen_t len = sizeof sa;
+        ::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&sa), &len);
+        port_ = ntohs(sa.sin_port);
+    }
+
+    std::string port_command() const {
+        return "PORT 127,0,0,1," + std::to_string(port_ / 256) + "," + std::to_string(port_ % 256);
+    }
+
+    Fd accept_one() {
+        pollfd p{fd_.get(), POLLIN, 0};
+        int r;
+        do {
+            r = ::poll(&p, 1, kWaitSeconds * 1000);
+        } while (r < 0 && errno == EINTR);
+        if (r <= 0) {
+            errno = r == 0 ? ETIMEDOUT : errno;
+            fail("waiting for the data connection");
+        }
+        Fd data(::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (data.get() < 0)
+            fail("accept of the data connection");
+        set_timeouts(data.get());
+        return data;
+    }
+
+  private:
+    Fd fd_;
+    int port_ = 0;
+};
+
+// Reads a data connection to its end without copying the bytes out of the kernel.
+long long drain(int fd) {
+    long long total = 0;
+    for (;;) {
+        ssize_t n = ::recv(fd, nullptr, 1 << 22, MSG_TRUNC);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            fail("receive on the data connection");
+        if (n == 0)
+            return total;
+        total += n;
+    }
+}
+
+// Reads a listing, counting its lines.
+long long read_counting_lines(int fd, long long& lines) {
+    std::vector<char> block(1 << 16);
+    long long total = 0;
+    for (;;) {
+        ssize_t n = ::recv(fd, block.data(), block.size(), 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            fail("receive on the data connection");
+        if (n == 0)
+            return total;
+        lines += std::count(block.data(), block.data() + n, '\n');
+        total += n;
+    }
+}
+
+struct Target {
+    int port;
+    std::string user;
+    std::string password;
+};
+
+std::unique_ptr<Control> session(const Target& t) {
+    auto c = std::make_unique<Control>(t.port);
+    c->login(t.user, t.password);
+    c->send_line("TYPE I");
+    c->expect(200, "TYPE I");
+    return c;
+}
+
+// One download; returns the bytes received. The time ends when both the data and the 226 are
+// in.
+long long download(Control& c, const std::string& file) {
+    DataListener listener;
+    c.send_line(listener.port_command());
+    c.expect(200, "PORT");
+    c.send_line("RETR " + file);
+    int code = c.reply();
+    if (code != 150 && code != 125) {
+        errno = 0;
+        fail("RETR " + file + ": \"" + c.last() + "\"");
+    }
+    Fd data = listener.accept_one();
+    long long bytes = drain(data.get());
+    data.reset(); // some servers wait for the client's close before their 226
+    c.expect(226, "end of RETR");
+    return bytes;
+}
+
+void upload(Control& c, const std::string& source, const std::string& name, long long& bytes) {
+    Fd file(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (file.get() < 0 || ::fstat(file.get(), &st) != 0)
+        fail("open " + source);
+    DataListener listener;
+    c.send_line(listener.port_command());
+    c.expect(200, "PORT");
+    c.send_line("STOR " + name);
+    int code = c.reply();
+    if (code != 150 && code != 125) {
+        errno = 0;
+        fail("STOR " + name + ": \"" + c.last() + "\"");
+    }
+    Fd data = listener.accept_one();
+    off_t offset = 0;
+    while (offset < st.st_size) {
+        ssize_t n =
+            ::sendfile(data.get(), file.get(), &offset, static_cast<size_t>(st.st_size - offset));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            fail("sendfile on the data connection");
+    }
+    bytes = offset;
+    data.reset();
+    c.expect(226, "end of STOR");
+}
+
+void print(const char* key, double value) {
+    std::printf("%s %.6f\n", key, value);
+    std::fflush(stdout);
+}
+
+int run_retr(const Target& t, const std::string& file, long long size, int runs) {
+    auto c = session(t);
+    for (int i = 0; i < runs; ++i) {
+        auto start = Clock::now();
+        long long bytes = download(*c, file);
+        double s = seconds_since(start);
+        if (bytes != size) {
+            errno = 0;
+            fail("RETR moved " + std::to_string(bytes) + " bytes, not " + std::to_string(size));
+        }
+        print("retr_mbps", static_cast<double>(bytes) / 1e6 / s);
+    }
+    c->quit();
+    return 0;
+}
+
+int run_stor(const Target& t, const std::string& source, const std::string& name, int runs,
+             const std::string& dir) {
+    auto c = session(t);
+    for (int i = 0; i < runs; ++i) {
+        long long bytes = 0;
+        std::string stored = name + "." + std::to_string(i);
+        auto start = Clock::now();
+        upload(*c, source, stored, bytes);
+        print("stor_mbps", static_cast<double>(bytes) / 1e6 / seconds_since(start));
+        ::unlink((dir + "/" + stored).c_str());
+    }
+    c->quit();
+    return 0;
+}
+
+// A start line for several threads.
+class Gate {
+  public:
+    explicit Gate(int parties) : waiting_(parties) {}
+    void arrive_and_wait() {
+        std::unique_lock lock(m_);
+        if (--waiting_ == 0)
+            cv_.notify_all();
+        else
+            cv_.wait_for(lock, std::chrono::seconds(kWaitSeconds), [&] { return waiting_ <= 0; });
+    }
+
+  private:
+    std::mutex m_;
+    std::condition_variable cv_;
+    int waiting_;
+};
+
+// Runs `body(i)` on `n` threads and rethrows the first failure.
+template <class Body> void on_threads(int n, Body body) {
+    std::vector<std::thread> threads;
+    std::mutex m;
+    std::string first_error;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back([&, i] {
+            try {
+                body(i);
+            } catch (const Failure& f) {
+                std::lock_guard lock(m);
+                if (first_error.empty())
+                    first_error = f.what;
+            }
+        });
+    for (auto& th : threads)
+        th.join();
+    if (!first_error.empty()) {
+        errno = 0;
+        fail(first_error);
+    }
+}
+
+std::string numbered(const std::string& prefix, int i) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%02d", i);
+    return prefix + buf;
+}
+
+int run_par(const Target& t, const std::string& dir, const std::string& prefix, int clients,
+            long long size, int runs) {
+    std::vector<std::unique_ptr<Control>> sessions(static_cast<size_t>(clients));
+    on_threads(clients, [&](int i) {
+        auto c = session(t);
+        c->send_line("CWD " + dir);
+        c->expect(250, "CWD");
+        sessions[static_cast<size_t>(i)] = std::move(c);
+    });
+    for (int r = 0; r < runs; ++r) {
+        Gate gate(clients + 1);
+        std::atomic<long long> total{0};
+        Clock::time_point start;
+        std::thread timer([&] {
+            gate.arrive_and_wait();
+            start = Clock::now();
+        });
+        try {
+            on_threads(clients, [&](int i) {
+                gate.arrive_and_wait();
+                long long bytes = download(*sessions[static_cast<size_t>(i)], numbered(prefix, i));
+                if (bytes != size) {
+                    errno = 0;
+                    fail("parallel RETR moved " + std::to_string(bytes) + " bytes");
+                }
+                total += bytes;
+            });
+        } catch (...) {
+            timer.join();
+            throw;
+        }
+        timer.join();
+        print("par_mbps", static_cast<double>(total.load()) / 1e6 / seconds_since(start));
+    }
+    on_threads(clients, [&](int i) { sessions[static_cast<size_t>(i)]->quit(); });
+    return 0;
+}
+
+int run_logins(const Target& t, int clients, double seconds) {
+    std::atomic<long> done{0};
+    std::atomic<bool> over{false};
+    auto start = Clock::now();
+    std::thread clock([&] {
+        while (seconds_since(start) < seconds)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        over = true;
+    });
+    try {
+        on_threads(clients, [&](int) {
+            while (!over) {
+                Control c(t.port);
+                c.login(t.user, t.password);
+                c.quit();
+                ++done;
+            }
+        });
+    } catch (...) {
+        over = true;
+        clock.join();
+        throw;
+    }
+    double elapsed = seconds_since(start);
+    clock.join();
+    print("logins_per_s", static_cast<double>(done.load()) / elapsed);
+    return 0;
+}
+
+int run_list(const Target& t, const std::string& dir, int runs) {
+    auto c = session(t);
+    for (int i = 0; i < runs; ++i) {
+        auto start = Clock::now();
+        DataListener listener;
+        c->send_line(listener.port_command());
+        c->expect(200, "PORT");
+        c->send_line("LIST " + dir);
+        int code = c->reply();
+        if (code != 150 && code != 125) {
+            errno = 0;
+            fail("LIST: \"" + c->last() + "\"");
+        }
+        Fd data = listener.accept_one();
+        long long lines = 0;
+        read_counting_lines(data.get(), lines);
+        data.reset();
+        c->expect(226, "end of LIST");
+        print("list_ms", seconds_since(start) * 1000.0);
+        print("list_lines", static_cast<double>(lines));
+    }
+    c->quit();
+    return 0;
+}
+
+int run_idle(const Target& t, int count) {
+    rlimit rl{};
+    if (::getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = rl.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &rl);
+    }
+    constexpr int kOpeners = 8;
+    std::vector<std::unique_ptr<Control>> sessions(static_cast<size_t>(count));
+    auto start = Clock::now();
+    on_threads(kOpeners, [&](int k) {
+        for (int i = k; i < count; i += kOpeners) {
+            auto c = std::make_unique<Control>(t.port);
+            c->login(t.user, t.password);
+            sessions[static_cast<size_t>(i)] = std::move(c);
+        }
+    });
+    print("idle_sessions", count);
+    print("idle_open_seconds", seconds_since(start));
+    // Held until the driver has measured the server.
+    std::string line;
+    std::getline(std::cin, line);
+    return 0;
+}
+
+int usage() {
+    std::fprintf(stderr, "usage: ftp_load PORT USER PASSWORD MODE [ARGS...] (see the source)\n");
+    return 2;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> a(argv + 1, argv + argc);
+    if (a.size() < 4)
+        return usage();
+    Target t{std::atoi(a[0].c_str()), a[1], a[2]};
+    const std::string& mode = a[3];
+    auto arg = [&](size_t i) { return i + 4 < a.size() ? a[i + 4] : std::string(); };
+    auto num = [&](size_t i) { return std::atoll(arg(i).c_str()); };
+    try {
+        if (mode == "retr" && a.size() == 7)
+            return run_retr(t, arg(0), num(1), static_cast<int>(num(2)));
+        if (mode == "stor" && a.size() == 8)
+            return run_stor(t, arg(0), arg(1), static_cast<int>(num(2)), arg(3));
+        if (mode == "par" && a.size() == 9)
+            return run_par(t, arg(0), arg(1), static_cast<int>(num(2)), num(3),
+                           static_cast<int>(num(4)));
+        if (mode == "logins" && a.size() == 6)
+            return run_logins(t, static_cast<int>(num(0)), std::atof(arg(1).c_str()));
+        if (mode == "list" && a.size() == 6)
+            return run_list(t, arg(0), static_cast<int>(num(1)));
+        if (mode == "idle" && a.size() == 5)
+            return run_idle(t, static_cast<int>(num(0)));
+    } catch (const Failure& f) {
+        std::fprintf(stderr, "ftp_load: %s\n", f.what.c_str());
+        return 1;
+    }
+    return usage();
+}
