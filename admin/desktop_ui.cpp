@@ -28,7 +28,7 @@ DesktopUi::DesktopUi(AdminApi& admin_api) : api(admin_api) {
         MountDialog dialog(*this, parent, real_path, target);
         if (dialog.exec() != QDialog::Accepted)
             return std::nullopt;
-        return dialog.result();
+        return dialog.chosen();
     };
     browse_host = [this](QWidget* parent, const QString& start) {
         return run_browse_dialog(*this, parent, start, BrowseDialog::Source::Host);

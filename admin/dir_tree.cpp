@@ -108,6 +108,9 @@ void LazyDirTree::reveal(const QString& path) {
             break;
         item = next;
     }
+    // The chosen directory opens too, showing what lies below it.
+    load_children(item);
+    item->setExpanded(true);
     setCurrentItem(item);
     scrollToItem(item);
 }

@@ -21,7 +21,7 @@ class MountDialog : public QDialog {
 
     bool edit_mode() const { return edit_; }
     // Valid after the dialog was accepted.
-    const MountDialogResult& result() const { return result_; }
+    const MountDialogResult& chosen() const { return result_; }
 
   private:
     void build();
