@@ -225,68 +225,74 @@ bool save_mounts(const Server& server) {
 
 MountOutcome mount_record(Server& server, const std::shared_ptr<MountRec>& mount,
                           bool at_run_time) {
-    const char* not_found = at_run_time
-                                ? "**** Error finding dest. dir (single_main_mount_routine) ****"
-                                : "**** Error finding file (main_mount_routine) ****";
     server.log.logf("  Mounting %s  - > %s", mount->real_dir.c_str(), mount->mount_point.c_str());
-    if (!server.vfs) {
-        server.log_message(not_found);
-        return {};
-    }
+    // The log lines come after the lock is released.
+    enum class Refusal { None, NoParent, Exists };
+    auto refuse = [&](Refusal why) {
+        if (why == Refusal::Exists)
+            server.log.logf("Unable to mount, %s already exists", mount->mount_point.c_str());
+        else
+            server.log_message(at_run_time
+                                   ? "**** Error finding dest. dir (single_main_mount_routine) ****"
+                                   : "**** Error finding file (main_mount_routine) ****");
+        return MountOutcome{};
+    };
+    if (!server.vfs)
+        return refuse(Refusal::NoParent);
     VfsTree& tree = *server.vfs;
     MountPointParts parts = split_mount_point(mount->mount_point);
     // A mount point right under the root ("\pub") has an empty parent path: the root.
     auto find_parent = [&]() -> NodePtr {
         NodePtr parent =
             parts.parent.empty() ? tree.root : find_node(tree, parts.parent, tree.root);
-        return parent && parent->is_dir() ? parent : nullptr;
+        return parent && parent->is_dir() && attached(tree, parent) ? parent : nullptr;
     };
     auto point = std::make_shared<VfsNode>();
+    Refusal why = Refusal::None;
     {
         std::shared_lock lock(server.tree_mutex);
         NodePtr parent = find_parent();
-        if (!parent) {
-            server.log_message(not_found);
-            return {};
+        if (!parent)
+            why = Refusal::NoParent;
+        else if (find_node(tree, mount->mount_point, tree.root))
+            why = Refusal::Exists;
+        else if (!valid_new_name(parts.name))
+            why = Refusal::NoParent;
+        if (why == Refusal::None) {
+            // The mount point looks like a directory made in its parent.
+            point->name = parts.name;
+            point->kind = 'd';
+            point->mount = mount;
+            point->creator = parent->creator;
+            point->owner = parent->owner;
+            point->flags = parent->flags;
+            point->group = parent->group;
         }
-        if (find_node(tree, mount->mount_point, tree.root)) {
-            server.log.logf("Unable to mount, %s already exists", mount->mount_point.c_str());
-            return {};
-        }
-        if (!valid_new_name(parts.name)) {
-            server.log_message(not_found);
-            return {};
-        }
-        // The mount point looks like a directory made in its parent.
-        point->name = parts.name;
-        point->kind = 'd';
-        point->mount = mount;
-        point->creator = parent->creator;
-        point->owner = parent->owner;
-        point->flags = parent->flags;
-        point->group = parent->group;
     }
+    if (why != Refusal::None)
+        return refuse(why);
 
     MountOutcome outcome;
     outcome.counts = scan_into(server.log, mount->real_dir, point);
     outcome.counts.directories += 1; // the mount point itself
-
-    std::unique_lock lock(server.tree_mutex);
-    // The tree may have changed during the scan.
-    NodePtr parent = find_parent();
-    if (!parent || !attached(tree, parent)) {
-        server.log_message(not_found);
-        return {};
+    {
+        // The tree may have changed during the scan.
+        std::unique_lock lock(server.tree_mutex);
+        NodePtr parent = find_parent();
+        if (!parent)
+            why = Refusal::NoParent;
+        else if (find_child(*parent, parts.name))
+            why = Refusal::Exists;
+        if (why == Refusal::None) {
+            point->parent = parent;
+            parent->children.push_back(point);
+            tree.directories += outcome.counts.directories;
+            tree.files += outcome.counts.files;
+            server.memory_allocated += outcome.counts.nodes() * VfsTree::kNodeRecordSize;
+        }
     }
-    if (find_child(*parent, parts.name)) {
-        server.log.logf("Unable to mount, %s already exists", mount->mount_point.c_str());
-        return {};
-    }
-    point->parent = parent;
-    parent->children.push_back(point);
-    tree.directories += outcome.counts.directories;
-    tree.files += outcome.counts.files;
-    server.memory_allocated += outcome.counts.nodes() * VfsTree::kNodeRecordSize;
+    if (why != Refusal::None)
+        return refuse(why);
     outcome.mounted = true;
     return outcome;
 }
