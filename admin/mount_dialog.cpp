@@ -67,28 +67,32 @@ void MountDialog::build() {
     auto* refresh_button = new QPushButton(QStringLiteral("Refresh"), this);
     refresh_button->setObjectName(QStringLiteral("refresh"));
 
+    // The host side (drive, real directory tree) on the left, the VFS side on the right, the
+    // three texts across the top.
+    auto* targets = new QHBoxLayout;
+    targets->addWidget(new QLabel(QStringLiteral("Mount To"), this));
+    targets->addWidget(mount_to_, 2);
+    targets->addWidget(new QLabel(QStringLiteral("-->As"), this));
+    targets->addWidget(as_, 1);
     auto* grid = new QGridLayout(this);
     grid->addWidget(new QLabel(QStringLiteral("Drive"), this), 0, 0);
-    grid->addWidget(new QLabel(QStringLiteral("Mount"), this), 0, 1, 1, 3);
+    grid->addWidget(new QLabel(QStringLiteral("Mount"), this), 0, 1);
     grid->addWidget(drives_, 1, 0);
-    grid->addWidget(mount_, 1, 1, 1, 3);
-    grid->addWidget(new QLabel(QStringLiteral("Mount To"), this), 2, 1);
-    grid->addWidget(mount_to_, 3, 1);
-    grid->addWidget(new QLabel(QStringLiteral("-->As"), this), 3, 2);
-    grid->addWidget(as_, 3, 3);
-    grid->addWidget(new QLabel(QStringLiteral("Mount"), this), 4, 0, 1, 2);
-    grid->addWidget(new QLabel(QStringLiteral("Mount As"), this), 4, 2, 1, 2);
-    grid->addWidget(real_tree_, 5, 0, 1, 2);
-    grid->addWidget(vfs_tree_, 5, 2, 1, 2);
+    grid->addWidget(mount_, 1, 1);
+    grid->addLayout(targets, 2, 0, 1, 2);
+    grid->addWidget(new QLabel(QStringLiteral("Mount"), this), 3, 0);
+    grid->addWidget(new QLabel(QStringLiteral("Mount As"), this), 3, 1);
+    grid->addWidget(real_tree_, 4, 0);
+    grid->addWidget(vfs_tree_, 4, 1);
     auto* buttons = new QHBoxLayout;
     buttons->addStretch();
     buttons->addWidget(ok);
     buttons->addWidget(cancel);
     buttons->addWidget(refresh_button);
-    grid->addLayout(buttons, 6, 0, 1, 4);
-    grid->setRowStretch(5, 1);
+    grid->addLayout(buttons, 5, 0, 1, 2);
+    grid->setRowStretch(4, 1);
+    grid->setColumnStretch(0, 1);
     grid->setColumnStretch(1, 1);
-    grid->setColumnStretch(3, 1);
 
     connect(drives_, &DriveList::drive_chosen, real_tree_, &HostDirTree::set_root);
     connect(real_tree_, &LazyDirTree::path_selected, mount_, &QLineEdit::setText);

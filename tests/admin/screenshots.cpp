@@ -1,19 +1,24 @@
 // Takes the README's pictures: starts a small demo server with the desktop window, opens each
 // dialog with sample data and saves a PNG of it. Run by scripts/screenshots.sh under Xvfb.
 #include "accounts/password.hpp"
+#include "admin/app_icon.hpp"
 #include "admin/browse_dialog.hpp"
 #include "admin/desktop_session.hpp"
 #include "admin/mount_dialog.hpp"
 #include "app/server_app.hpp"
+#include "harness.hpp"
 #include "support/temp_dir.hpp"
 #include "support/test_server.hpp"
 
 #include <QApplication>
 #include <QComboBox>
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
+#include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
+#include <QPainter>
 #include <QTreeWidget>
 #include <cstdio>
 #include <functional>
@@ -34,14 +39,45 @@ void settle() {
     wait_until([] { return false; }, 300);
 }
 
+// The virtual display has no window manager, so the caption that a desktop would draw (icon and
+// title) is drawn here above the window's own pixels.
+QPixmap with_caption(QWidget* widget) {
+    QPixmap body = widget->grab();
+    const int bar = 26;
+    QPixmap out(body.width() + 2, body.height() + bar + 1);
+    out.fill(QColor(0x3c, 0x3f, 0x44));
+    QPainter p(&out);
+    p.drawPixmap(4, 5, app_pixmap(16));
+    p.setPen(Qt::white);
+    QFont font = widget->font();
+    font.setBold(true);
+    p.setFont(font);
+    p.drawText(QRect(26, 0, out.width() - 30, bar), Qt::AlignVCenter | Qt::AlignLeft,
+               widget->windowTitle());
+    p.drawPixmap(1, bar, body);
+    return out;
+}
+
 bool save(QWidget* widget, const QString& dir, const char* name) {
     widget->show();
     widget->raise();
     settle();
     QString path = dir + QLatin1Char('/') + QString::fromLatin1(name);
-    bool ok = widget->grab().save(path, "PNG");
+    bool ok = with_caption(widget).save(path, "PNG");
     std::printf("%s %s\n", ok ? "wrote" : "FAILED", path.toLocal8Bit().constData());
     return ok;
+}
+
+// Opens the host tree's root, showing only the usual top-level directories of a Linux system
+// (the build machine's own extras are of no interest in the pictures).
+void open_host_root(QWidget* dialog) {
+    static const QStringList usual = {"bin", "boot", "dev",  "etc", "home", "lib", "media",
+                                      "mnt", "opt",  "root", "srv", "tmp",  "usr", "var"};
+    QTreeWidgetItem* root =
+        dialog->findChild<QTreeWidget*>(QStringLiteral("tree1"))->topLevelItem(0);
+    root->setExpanded(true);
+    for (int i = 0; i < root->childCount(); ++i)
+        root->child(i)->setHidden(!usual.contains(root->child(i)->text(0)));
 }
 
 std::string user_line(const char* name, int uid, const char* password, int flags,
@@ -78,8 +114,9 @@ int main(int argc, char** argv) {
     QString out = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral(".");
 
     test::TempDir demo;
-    int ftp_port = test::free_port();
-    prepare_demo(demo, ftp_port, test::free_port());
+    // Ports the settings dialog accepts, as a real configuration would have.
+    int ftp_port = test::free_dialog_port();
+    prepare_demo(demo, ftp_port, test::free_dialog_port());
     ServerApp app(demo.path(), nullptr);
     DesktopSession session(app);
     session.start();
@@ -96,6 +133,10 @@ int main(int argc, char** argv) {
     ftp.send("PASS anna-secret\r\n");
     ftp.read_until("230 anna user logged in.\r\n");
     settle();
+
+    // The host trees open on the current drive: make that the top of the disk.
+    out = QDir(out).absolutePath();
+    QDir::setCurrent(QDir::rootPath());
 
     bool ok = save(&window, out, "main-window.png");
 
@@ -120,13 +161,24 @@ int main(int argc, char** argv) {
     window.group_dialog()->close();
 
     {
-        MountDialog mounts(session.ui(), nullptr, QString::fromStdString((demo / "media").string()),
-                           QStringLiteral("\\pub\\media"));
+        // A new mount being typed in; the host tree stays at the top of the disk.
+        MountDialog mounts(session.ui(), nullptr, QString(), QString());
+        open_host_root(&mounts);
+        auto* vfs = mounts.findChild<QTreeWidget*>(QStringLiteral("tree2"));
+        vfs->topLevelItem(0)->setExpanded(true);
+        for (int i = 0; i < vfs->topLevelItem(0)->childCount(); ++i)
+            if (vfs->topLevelItem(0)->child(i)->text(0) == QLatin1String("pub"))
+                vfs->setCurrentItem(vfs->topLevelItem(0)->child(i));
+        mounts.findChild<QLineEdit*>(QStringLiteral("mount"))
+            ->setText(QStringLiteral("/srv/photos"));
+        mounts.findChild<QLineEdit*>(QStringLiteral("as"))->setText(QStringLiteral("photos"));
         ok = save(&mounts, out, "mounts.png") && ok;
     }
     {
-        BrowseDialog browse(session.ui(), nullptr, QString::fromStdString((demo / "home").string()),
-                            BrowseDialog::Source::Host);
+        BrowseDialog browse(session.ui(), nullptr, QString(), BrowseDialog::Source::Host);
+        open_host_root(&browse);
+        browse.findChild<QLineEdit*>(QStringLiteral("current_path"))
+            ->setText(QStringLiteral("/srv/ftp"));
         ok = save(&browse, out, "browse.png") && ok;
     }
     {
