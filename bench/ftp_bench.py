@@ -220,6 +220,18 @@ class ServerProcess:
             todo.extend(children.get(pid, []))
         return out
 
+    def cpu_seconds(self):
+        """CPU time of the server's processes, with that of the sessions it has reaped."""
+        ticks = 0
+        for pid in self.pids():
+            try:
+                with open("/proc/%d/stat" % pid) as f:
+                    fields = f.read().rsplit(")", 1)[1].split()
+                ticks += sum(int(x) for x in fields[11:15])  # utime stime cutime cstime
+            except (OSError, IndexError, ValueError):
+                pass
+        return ticks / os.sysconf("SC_CLK_TCK")
+
     def pss_kib(self):
         total = 0
         for pid in self.pids():
@@ -413,27 +425,42 @@ def fd_count(pid):
 
 
 def measure(server, load, home, quick, extra):
+    """The figures of one server, and the CPU time it spent on each workload per unit of
+    work (which the machine's other load does not change much)."""
     runs = 1 if quick else 5
-    res, notes = {}, []
+    res, cpu, notes = {}, {}, []
+
+    def timed(key, units, args, value_key):
+        before = server.cpu_seconds()
+        values = load.values(args, value_key)
+        cpu[key] = (server.cpu_seconds() - before) / units
+        return values
+
     log("  logins ...")
-    res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), "2" if quick else "5"],
+    seconds = 2 if quick else 5
+    before = server.cpu_seconds()
+    res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
                                        "logins_per_s"))
+    cpu["logins"] = (server.cpu_seconds() - before) / max(1.0, res["logins"] * seconds) * 1e3
     log("  list ...")
-    lists = load.values(["list", "many", str(3 if quick else 15)], "list_ms")
+    count = 3 if quick else 15
+    lists = timed("list", count / 1e3, ["list", "many", str(count)], "list_ms")
     res["list"] = median(lists[1:] if len(lists) > 1 else lists)
     log("  retr ...")
-    retr = load.values(["retr", "big.bin", str(SIZE_BIG), str(runs + 1)], "retr_mbps")
+    retr = timed("retr", runs + 1, ["retr", "big.bin", str(SIZE_BIG), str(runs + 1)],
+                 "retr_mbps")
     res["retr"] = median(retr[1:])
     log("  stor ...")
-    stor = load.values(["stor", os.path.join(home, "big.bin"), "stor", str(runs), home],
-                       "stor_mbps")
+    stor = timed("stor", runs, ["stor", os.path.join(home, "big.bin"), "stor", str(runs), home],
+                 "stor_mbps")
     for name in os.listdir(home):
         if name.startswith("stor."):
             os.unlink(os.path.join(home, name))
     res["stor"] = median(stor)
     log("  32 x 64 MiB ...")
-    par = load.values(["par", "par", "p", str(PAR_CLIENTS), str(SIZE_PAR), str(1 if quick else 3)],
-                      "par_mbps")
+    par_runs = 1 if quick else 3
+    par = timed("par", par_runs * PAR_CLIENTS * SIZE_PAR / SIZE_BIG,
+                ["par", "par", "p", str(PAR_CLIENTS), str(SIZE_PAR), str(par_runs)], "par_mbps")
     res["par"] = median(par)
     log("  idle sessions ...")
     base = server.pss_kib()
@@ -460,7 +487,7 @@ def measure(server, load, home, quick, extra):
                      "session (%.1f KiB above the idle server), opened in %.1f s"
                      % (server.name, IDLE_MANY, pss / 1024.0, pss / IDLE_MANY,
                         (pss - base) / IDLE_MANY, opened))
-    return res, notes
+    return res, cpu, notes
 
 
 def tree_build(build, work, quick):
@@ -516,6 +543,23 @@ def report(results, peers, notes):
     return verdicts
 
 
+CPU_FIGURES = [("retr", "RETR", "s/GiB"), ("stor", "STOR", "s/GiB"),
+               ("par", "32 x 64 MiB RETR", "s/GiB"),
+               ("logins", "login", "ms"), ("list", "LIST of 10,000", "ms")]
+
+
+def report_cpu(cpus, names):
+    log("")
+    log("server CPU time per unit of work (less affected by the machine's other load):")
+    head = "%-28s %6s" % ("workload", "unit") + "".join("%11s" % n for n in names)
+    log(head)
+    log("-" * len(head))
+    for key, label, unit in CPU_FIGURES:
+        log("%-28s %6s" % (label, unit)
+            + "".join("%11.3f" % cpus[n][key] if key in cpus.get(n, {}) else "%11s" % "-"
+                      for n in names))
+
+
 def main():
     here = os.path.dirname(os.path.abspath(__file__))
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
@@ -526,10 +570,11 @@ def main():
     ap.add_argument("--peers", action="store_true",
                     help="also unpack, start and measure vsftpd, proftpd and pure-ftpd")
     ap.add_argument("--quick", action="store_true", help="one run of each workload")
+    ap.add_argument("--server", help="the Orvane binary to measure (default: BUILD/orvane-server)")
     args = ap.parse_args()
 
     args.build = os.path.abspath(args.build)
-    binary = os.path.join(args.build, "orvane-server")
+    binary = os.path.abspath(args.server or os.path.join(args.build, "orvane-server"))
     load_binary = os.path.join(args.build, "bench", "ftp_load")
     for path in (binary, load_binary):
         if not os.access(path, os.X_OK):
@@ -558,14 +603,15 @@ def main():
         servers += [Vsftpd(home, os.path.join(conf_root, "vsftpd"), roots["vsftpd"]),
                     Proftpd(home, os.path.join(conf_root, "proftpd"), roots["proftpd"]),
                     PureFtpd(home, os.path.join(conf_root, "pure-ftpd"), roots["pure-ftpd"])]
-    results, notes = {}, []
+    results, cpus, notes = {}, {}, []
     try:
         for server in servers:
             log("%s (load average %s) ..." % (server.name, load_average()))
             server.start()
             try:
-                results[server.name], n = measure(server, Load(load_binary, server), home,
-                                                  args.quick, extra=server.name == "Orvane")
+                results[server.name], cpus[server.name], n = measure(
+                    server, Load(load_binary, server), home, args.quick,
+                    extra=server.name == "Orvane")
                 notes += n
             finally:
                 server.stop()
@@ -582,6 +628,7 @@ def main():
     notes.append("load average at end: %s; %.0f s in all" % (load_average(),
                                                              time.monotonic() - started))
     report(results, [s.name for s in servers[1:]], notes)
+    report_cpu(cpus, [s.name for s in servers])
 
 
 if __name__ == "__main__":
