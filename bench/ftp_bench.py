@@ -136,7 +136,7 @@ def ensure_account(home):
         pwd.getpwnam(ACCOUNT)
     except KeyError:
         run(["useradd", "--no-create-home", "--home-dir", home, "--shell", "/bin/sh", ACCOUNT])
-    run(["usermod", "--home", home, ACCOUNT])
+    run(["usermod", "--home", home, ACCOUNT], capture_output=True)
     run(["chpasswd"], input=("%s:%s\n" % (ACCOUNT, PASSWORD)).encode())
     entry = pwd.getpwnam(ACCOUNT)
     for root, dirs, files in os.walk(home):
@@ -343,7 +343,7 @@ class Proftpd(ServerProcess):
                 "IdentLookups off", "</IfModule>", "RequireValidShell off",
                 "AuthOrder mod_auth_unix.c", "AllowOverwrite on", "TransferLog none",
                 "SystemLog %s/system.log" % conf_dir, "UseSendfile on",
-                "ModulePath %s/usr/lib/proftpd" % root] + EXTRA + [""]))
+                "ModulePath %s/usr/lib/proftpd" % root, ""]))
         self.conf = conf
 
     def command(self):
