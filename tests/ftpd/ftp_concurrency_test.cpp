@@ -20,7 +20,12 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr int kSessions = 50;
+// A thread per command is slow to start under ThreadSanitizer: one round there.
+#if defined(__SANITIZE_THREAD__)
+constexpr int kRounds = 1;
+#else
 constexpr int kRounds = 3;
+#endif
 
 class Problems {
   public:
@@ -52,6 +57,7 @@ std::string content_for(int session, int round) {
 
 void transfer_session(int port, int n, Problems& p) {
     FtpClient c;
+    c.wait = 120s;
     std::string where = "session " + std::to_string(n);
     p.check(c.open(port).rfind("220 ", 0) == 0, where + ": greeting");
     std::string login = c.login("demo", "demo-pass");
@@ -87,6 +93,7 @@ void transfer_session(int port, int n, Problems& p) {
 
 void directory_session(int port, const std::atomic<bool>& done, Problems& p, int& cycles) {
     FtpClient c;
+    c.wait = 120s;
     c.open(port);
     c.login("admin", "admin-pass");
     p.equal(c.cmd("CWD pub"), "250 CWD command successful\r\n", "dirs");
@@ -131,6 +138,7 @@ TEST(FtpConcurrency, FiftySessionsTransferWhileDirectoriesChange) {
 
     for (const std::string& p : problems.list())
         ADD_FAILURE() << p;
+
     EXPECT_GT(cycles, 0);
 
     // The tree and the disk agree: every uploaded file once, owned by its uploader, with its

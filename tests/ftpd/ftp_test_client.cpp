@@ -101,12 +101,12 @@ FtpClient::Transfer FtpClient::transfer(std::string_view command, const std::str
     t.preliminary = port == "200 Port Command OK.\r\n" ? cmd(command) : port;
     if (t.preliminary.rfind("150 ", 0) != 0)
         return t;
-    if (data.accept()) {
+    if (data.accept(wait)) {
         t.server_port = data.server_port();
         if (upload_bytes)
             data.send_and_close(*upload_bytes);
         else
-            t.data = data.read_all().value_or("<time-out>");
+            t.data = data.read_all(wait * 4).value_or("<time-out>");
     }
     t.final_reply = line();
     return t;

@@ -41,12 +41,13 @@ class FtpClient : public TestClient {
     FtpClient() = default;
     explicit FtpClient(int port) { connect(port); }
 
+    // How long a reply or a data connection may take.
+    std::chrono::milliseconds wait = std::chrono::seconds(5);
+
     // Connects and reads the 220 greeting.
     std::string open(int port);
     // One reply line with its "\r\n".
-    std::string line(std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-        return read_until("\r\n", limit);
-    }
+    std::string line() { return read_until("\r\n", wait); }
     // Sends the command and returns the next reply line.
     std::string cmd(std::string_view command);
     // USER + PASS; returns everything up to and including the final 230 line.
