@@ -52,8 +52,7 @@ void ServerApp::start() {
 }
 
 void ServerApp::run() {
-    auto guard = asio::make_work_guard(server_.io());
-    server_.io().run();
+    server_.run_event_loop();
 }
 
 void ServerApp::request_stop() {

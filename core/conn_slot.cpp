@@ -1,9 +1,19 @@
 #include "core/conn_slot.hpp"
 
+#include "core/server.hpp"
 #include "core/slot_socket.hpp"
 #include "platform/net.hpp"
 
+#include <sys/socket.h>
+
 namespace orv {
+
+namespace {
+// How long a send may wait for a peer that does not read: briefly on the event thread, which
+// serves everybody, longer on a command's own thread.
+constexpr int kEventThreadWaitMs = 500;
+constexpr int kWorkerWaitMs = 30000;
+} // namespace
 
 ConnSlot::ConnSlot(Service s, int socket_number) : service(s), socket(socket_number) {
     if (s == Service::Ftp)
@@ -86,8 +96,14 @@ bool ConnSlot::send_bytes(const void* data, size_t size) {
         }
         // Wait outside the lock so that a close on the event thread never waits for a slow
         // reader; the socket is checked again under the lock before the next send.
-        if (waited_ms >= 30000)
+        if (waited_ms >= (Server::on_event_thread() ? kEventThreadWaitMs : kWorkerWaitMs)) {
+            // A peer that stops reading its replies must not hold up the event thread (or a
+            // worker for ever): end the connection; its close event removes the session.
+            std::lock_guard lock(io_mutex_);
+            if (fd_ == fd)
+                ::shutdown(fd, SHUT_RDWR);
             return false;
+        }
         wait_writable(fd, 100);
         waited_ms += 100;
     }

@@ -35,6 +35,11 @@ class Server {
     asio::io_context& io();
     // Runs `fn` on the event thread (the posted events that replace window messages).
     void post(std::function<void()> fn);
+    // Runs the event loop on the calling thread until it is stopped; that thread is the
+    // event thread meanwhile.
+    void run_event_loop();
+    // True on a thread that is running some server's event loop.
+    static bool on_event_thread();
 
     const std::filesystem::path start_dir;
     std::filesystem::path table_path(const char* name) const { return start_dir / name; }
