@@ -430,10 +430,14 @@ def measure(server, load, home, quick, extra):
     runs = 1 if quick else 5
     res, cpu, notes = {}, {}, []
 
+    def spent_since(before):
+        time.sleep(1.0)  # a peer's session processes end and are reaped after the client
+        return server.cpu_seconds() - before
+
     def timed(key, units, args, value_key):
         before = server.cpu_seconds()
         values = load.values(args, value_key)
-        cpu[key] = (server.cpu_seconds() - before) / units
+        cpu[key] = spent_since(before) / units
         return values
 
     log("  logins ...")
@@ -441,7 +445,7 @@ def measure(server, load, home, quick, extra):
     before = server.cpu_seconds()
     res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
                                        "logins_per_s"))
-    cpu["logins"] = (server.cpu_seconds() - before) / max(1.0, res["logins"] * seconds) * 1e3
+    cpu["logins"] = spent_since(before) / max(1.0, res["logins"] * seconds) * 1e3
     log("  list ...")
     count = 3 if quick else 15
     lists = timed("list", count / 1e3, ["list", "many", str(count)], "list_ms")
@@ -451,12 +455,15 @@ def measure(server, load, home, quick, extra):
                  "retr_mbps")
     res["retr"] = median(retr[1:])
     log("  stor ...")
-    stor = timed("stor", runs, ["stor", os.path.join(home, "big.bin"), "stor", str(runs), home],
+    # The first upload is not counted: it may be the first in a while to take fresh pages
+    # for the page cache, which costs far more on this virtual machine than reusing them.
+    stor = timed("stor", runs + 1,
+                 ["stor", os.path.join(home, "big.bin"), "stor", str(runs + 1), home],
                  "stor_mbps")
     for name in os.listdir(home):
         if name.startswith("stor."):
             os.unlink(os.path.join(home, name))
-    res["stor"] = median(stor)
+    res["stor"] = median(stor[1:])
     log("  32 x 64 MiB ...")
     par_runs = 1 if quick else 3
     par = timed("par", par_runs * PAR_CLIENTS * SIZE_PAR / SIZE_BIG,
