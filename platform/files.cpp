@@ -46,7 +46,10 @@ std::string_view cut_line_end(std::string_view line) {
 bool write_file_atomic(const std::filesystem::path& path, std::string_view content, unsigned mode) {
     std::filesystem::path tmp = path;
     tmp += ".tmp";
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    // Always a new file of our own: a leftover (or planted) temporary file or link is removed,
+    // never written through, so the table's contents cannot end up anywhere else.
+    ::unlink(tmp.c_str());
+    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd < 0)
         return false;
     ::fchmod(fd, mode);
