@@ -384,6 +384,8 @@ class Load:
             raise RuntimeError("%s %s failed: %s" % (self.server.name, " ".join(args),
                                                      done.stderr.strip()))
         out = done.stdout
+        self.client_cpu = sum(float(line.split()[1]) for line in out.splitlines()
+                              if line.startswith("client_cpu_seconds "))
         return [float(line.split()[1]) for line in out.splitlines() if line.startswith(key + " ")]
 
     def idle(self, count, settle=1.0):
@@ -425,7 +427,8 @@ def fd_count(pid):
 
 
 def uploads(server, load, home, runs):
-    """STOR of 1 GiB `runs` times; returns the rates and the CPU seconds per GiB. The first
+    """STOR of 1 GiB `runs` times; returns the rates and the server's and the client's CPU
+    seconds per GiB. The first
     upload is not counted: it may be the first in a while to take fresh pages for the page
     cache, which costs far more on this virtual machine than reusing them."""
     before = server.cpu_seconds()
@@ -436,7 +439,7 @@ def uploads(server, load, home, runs):
     for name in os.listdir(home):
         if name.startswith("stor."):
             os.unlink(os.path.join(home, name))
-    return stor[1:], spent
+    return stor[1:], spent, load.client_cpu / (runs + 1)
 
 
 def measure(server, load, home, quick, extra):
@@ -453,6 +456,7 @@ def measure(server, load, home, quick, extra):
         before = server.cpu_seconds()
         values = load.values(args, value_key)
         cpu[key] = spent_since(before) / units
+        cpu["client " + key] = load.client_cpu / units
         return values
 
     log("  logins ...")
@@ -460,7 +464,9 @@ def measure(server, load, home, quick, extra):
     before = server.cpu_seconds()
     res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
                                        "logins_per_s"))
-    cpu["logins"] = spent_since(before) / max(1.0, res["logins"] * seconds) * 1e3
+    logins = max(1.0, res["logins"] * seconds)
+    cpu["logins"] = spent_since(before) / logins * 1e3
+    cpu["client logins"] = load.client_cpu / logins * 1e3
     log("  list ...")
     count = 3 if quick else 15
     lists = timed("list", count / 1e3, ["list", "many", str(count)], "list_ms")
@@ -470,7 +476,7 @@ def measure(server, load, home, quick, extra):
                  "retr_mbps")
     res["retr"] = median(retr[1:])
     log("  stor ...")
-    stor, cpu["stor"] = uploads(server, load, home, runs)
+    stor, cpu["stor"], cpu["client stor"] = uploads(server, load, home, runs)
     res["stor_runs"] = stor
     res["stor"] = median(stor)
     log("  32 x 64 MiB ...")
@@ -566,14 +572,18 @@ CPU_FIGURES = [("retr", "RETR", "s/GiB"), ("stor", "STOR", "s/GiB"),
 
 def report_cpu(cpus, names):
     log("")
-    log("server CPU time per unit of work (less affected by the machine's other load):")
+    log("CPU time per unit of work, of the server and of the load client against it (less "
+        "affected by the machine's other load than the rates):")
     head = "%-28s %6s" % ("workload", "unit") + "".join("%11s" % n for n in names)
     log(head)
     log("-" * len(head))
     for key, label, unit in CPU_FIGURES:
-        log("%-28s %6s" % (label, unit)
-            + "".join("%11.3f" % cpus[n][key] if key in cpus.get(n, {}) else "%11s" % "-"
-                      for n in names))
+        for who, k in (("server", key), ("client", "client " + key)):
+            if not any(k in cpus.get(n, {}) for n in names):
+                continue
+            log("%-28s %6s" % ("%s, %s" % (label, who), unit)
+                + "".join("%11.3f" % cpus[n][k] if k in cpus.get(n, {}) else "%11s" % "-"
+                          for n in names))
 
 
 def main():
@@ -640,8 +650,8 @@ def main():
                     % (server.name, load_average()))
                 server.start()
                 try:
-                    more, spent = uploads(server, Load(load_binary, server), home,
-                                          1 if args.quick else 5)
+                    more, spent, _ = uploads(server, Load(load_binary, server), home,
+                                             1 if args.quick else 5)
                 finally:
                     server.stop()
                 runs = results[server.name]["stor_runs"] + more

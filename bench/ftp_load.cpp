@@ -548,6 +548,17 @@ int main(int argc, char** argv) {
     const std::string& mode = a[3];
     auto arg = [&](size_t i) { return i + 4 < a.size() ? a[i + 4] : std::string(); };
     auto num = [&](size_t i) { return std::atoll(arg(i).c_str()); };
+    // The client's own CPU time, so that a report can show where the client is what limits a
+    // figure.
+    struct ReportCpu {
+        ~ReportCpu() {
+            rusage ru{};
+            ::getrusage(RUSAGE_SELF, &ru);
+            print("client_cpu_seconds",
+                  static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+                      static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6);
+        }
+    } report_cpu;
     try {
         if (mode == "retr" && a.size() == 7)
             return run_retr(t, arg(0), num(1), static_cast<int>(num(2)));
