@@ -93,6 +93,8 @@ int main(int argc, char** argv) {
     }
 
     std::signal(SIGPIPE, SIG_IGN);
+    // Under a file-size limit a write past it must fail like a full disk, not kill the server.
+    std::signal(SIGXFSZ, SIG_IGN);
     orv::raise_open_file_limit();
 #ifdef ORVANE_HAVE_DESKTOP
     if (desktop) {
