@@ -22,6 +22,21 @@ void Server::post(std::function<void()> fn) {
     asio::post(*io_, std::move(fn));
 }
 
+namespace {
+thread_local bool t_event_thread = false;
+}
+
+void Server::run_event_loop() {
+    auto guard = asio::make_work_guard(*io_);
+    t_event_thread = true;
+    io_->run();
+    t_event_thread = false;
+}
+
+bool Server::on_event_thread() {
+    return t_event_thread;
+}
+
 void Server::update_title(bool full_test) {
     int16_t count = conns.user_count();
     std::string text = strf("Orvane Server - %i Users", count);
