@@ -32,6 +32,8 @@ INI
   echo "$name:101:$("$bin" --encode-password "$name" "$password"):4:15:\\" > "$demo/users"
   chmod 600 "$demo/users"
   echo "staff:101:$name" > "$demo/groups"
+  # The demo account owns /incoming, so uploads and new directories work there.
+  echo '\incoming:d:'"$name:$name"':111101101' > "$demo/fpl.txt"
   printf 'Orvane Server demo\r\n\r\nUse the menus to change settings, users, groups and mounts.\r\n' > "$demo/ov-help.txt"
 fi
 
