@@ -162,6 +162,9 @@ InputResult feed_more_key(std::string& line_buf, std::string_view bytes) {
             line_end = kNone;
             continue;
         }
+        // The same limits as typed characters: a flood of keys must not grow the line.
+        if (line_buf.size() >= (c == kLf ? kLineEndLimit : kLineCharLimit))
+            continue;
         line_buf.push_back(key);
         result.key_taken = true;
         line_end = c == kLf ? kNone : kAfterKey;
