@@ -190,6 +190,15 @@ class Server:
                     return None
                 self.cond.wait(min(left, 0.5))
 
+    def wait_thread_complete(self, command, thread, start=0, limit=WAIT):
+        """Waits for the "(N) <thread> thread complete" line of the session that logged the
+        command line `command` (as "(N) <command>") at `start` or later."""
+        line = self.wait_log_match(r"^\(\d+\) %s$" % re.escape(command), limit, start)
+        if not line:
+            return False
+        socket_number = line[1:line.index(")")]
+        return self.wait_log("(%s) %s thread complete" % (socket_number, thread), limit, start)
+
     def log_since(self, start=0):
         with self.cond:
             return list(self.lines[start:])
