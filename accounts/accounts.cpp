@@ -5,6 +5,7 @@
 #include "platform/text.hpp"
 
 #include <algorithm>
+#include <sys/stat.h>
 
 namespace orv {
 
@@ -162,6 +163,11 @@ std::shared_ptr<User> parse_user_line(std::string_view line) {
 
 void Accounts::read_users(const std::filesystem::path& path, Log& log) {
     log.log_message("Initializing Users...");
+    // The file holds every account's password: nobody but the server's own user may read it,
+    // also before the first orderly shutdown writes it anew.
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077) != 0)
+        ::chmod(path.c_str(), st.st_mode & 0700);
     int n = 0;
     for_each_fgets_line(path, 1024, [&](std::string_view raw) {
         push_user(parse_user_line(cut_line_end(raw)));

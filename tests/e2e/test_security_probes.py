@@ -311,6 +311,8 @@ class Probes(unittest.TestCase):
                 s.start()
             finally:
                 os.umask(old_umask)
+            # Already while it runs, not only once a shutdown has written it anew.
+            self.assertEqual(stat.S_IMODE(os.stat(users).st_mode) & 0o077, 0)
             self.assertEqual(s.stop(), 0)
             st = os.lstat(users)
             self.assertTrue(stat.S_ISREG(st.st_mode))
