@@ -72,7 +72,7 @@ class FtpJob {
     // The pager's key; 'Q' when the user has gone or the session ended.
     char wait_key(bool announce);
 
-  private:
+    // How long a remote peer may stay silent before the command gives up.
     int reply_timeout_ms() const;
 };
 

@@ -27,6 +27,12 @@ bool ends_crlf(std::string_view piece) {
     return piece.size() >= 2 && piece.substr(piece.size() - 2) == "\r\n";
 }
 
+bool completes_reply(std::string_view piece, int code) {
+    std::string last = std::to_string(code) + " ";
+    return ends_crlf(piece) &&
+           (piece.substr(0, last.size()) == last || piece.find("\r\n" + last) != piece.npos);
+}
+
 bool is_wait_state(uint8_t state) {
     return state == kPortSent || state == kListSent || state == kListing || state == kCommandSent ||
            state == kTransfer;

@@ -39,6 +39,10 @@ int reply_code(std::string_view piece);
 // The piece's last two bytes are CR LF.
 bool ends_crlf(std::string_view piece);
 
+// The piece holds the last line of a reply with this code ("230 ..." rather than "230-...")
+// and ends with it.
+bool completes_reply(std::string_view piece, int code);
+
 // States in which the reply handler classifies for a waiting thread.
 bool is_wait_state(uint8_t state);
 // The state after a reply arrives in a waiting state (14, 15, 17, 18, 23); `state` itself

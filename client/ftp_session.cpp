@@ -114,8 +114,12 @@ void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session,
         post_pending_line(server, slot);
     if (step.prompt)
         send_oftp_prompt(server, slot);
-    if (step.start_ascii)
-        spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+    if (step.logged_in) {
+        if (completes_reply(piece, code))
+            spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+        else
+            session->ascii_after = code; // the rest of the reply starts it (state 11)
+    }
 }
 
 // A waiting thread's reply: the state it leads to, under the session lock so that it cannot
@@ -143,6 +147,11 @@ void handle_reply(Server& server, const SlotPtr& slot, const SessionPtr& session
     }
     if (state == kIdle || state == kBusy) {
         slot->send_text(piece);
+        if (state == kBusy && session->ascii_after != 0 &&
+            completes_reply(piece, session->ascii_after)) {
+            session->ascii_after = 0;
+            spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+        }
         return;
     }
     if (state == kConnected) {
@@ -208,13 +217,20 @@ void schedule_watchdog(Server& server, const SlotPtr& slot, const SessionPtr& se
             return;
         }
         bool quit_expired;
+        bool greeting_expired;
         {
             std::lock_guard lock(session->mutex);
+            auto now = Clock::now();
             quit_expired =
-                session->quit_pending && Clock::now() - session->quit_sent >
-                                             std::chrono::milliseconds(session->quit_timeout_ms);
+                session->quit_pending &&
+                now - session->quit_sent > std::chrono::milliseconds(session->quit_timeout_ms);
+            greeting_expired =
+                state == kGreeting &&
+                now - session->connected_at > std::chrono::milliseconds(session->reply_timeout_ms);
         }
-        if (quit_expired) {
+        if (greeting_expired)
+            server.log.logf("(%i) no reply from the remote server", slot->socket.load());
+        if (quit_expired || greeting_expired) {
             end_control(server, slot, session, link, false);
             return;
         }
@@ -296,6 +312,8 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
                     session->early_226 = false;
                     session->quit_pending = false;
                     session->last_code = 0;
+                    session->ascii_after = 0;
+                    session->connected_at = Clock::now();
                     slot->out_socket = link->number();
                     installed = true;
                 }

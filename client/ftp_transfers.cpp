@@ -39,25 +39,36 @@ void report_port_failure(FtpJob& job) {
     job.say(kPortFailed);
 }
 
-// Copies the data connection to the user unchanged, in 32768-byte pieces.
-void relay_listing(FtpJob& job, int data_fd) {
-    std::vector<char> block(32768);
-    for (;;) {
-        if (job.server.stopping.load() || !wait_readable(data_fd, 1000)) {
-            if (job.server.stopping.load() || !job.alive())
+// Reads a data connection to its end in pieces of `block` bytes, handing each to `sink`; gives
+// up when the server stays silent for the reply time-out or the session ends. Closes it.
+template <class Sink> void drain_data(FtpJob& job, int data_fd, size_t block, Sink sink) {
+    std::vector<char> buffer(block);
+    int idle = 0;
+    int idle_limit = job.reply_timeout_ms();
+    while (!job.server.stopping.load()) {
+        if (!wait_readable(data_fd, 250)) {
+            idle += 250;
+            if (idle >= idle_limit || !job.alive())
                 break;
             continue;
         }
-        ssize_t n = ::recv(data_fd, block.data(), block.size(), 0);
+        idle = 0;
+        ssize_t n = ::recv(data_fd, buffer.data(), buffer.size(), 0);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n <= 0)
+        if (n <= 0 || !sink(buffer.data(), static_cast<size_t>(n)))
             break;
-        // A user who has gone gets nothing; the listing is still read to its end so that the
-        // server's "226" comes and the session stays in step.
-        job.slot->send_bytes(block.data(), static_cast<size_t>(n));
     }
     close_fd(data_fd);
+}
+
+// Copies a listing to the user unchanged, in 32768-byte pieces. A user who has gone gets
+// nothing; the listing is still read to its end so that the server's "226" comes.
+void relay_listing(FtpJob& job, int data_fd) {
+    drain_data(job, data_fd, 32768, [&job](const char* data, size_t size) {
+        job.slot->send_bytes(data, size);
+        return true;
+    });
 }
 
 void listing(FtpJob& job, const std::string& arg, bool long_form) {
@@ -205,20 +216,9 @@ bool fetch_to_temp(FtpJob& job, FILE* temp, const std::string& verb, const std::
             if (with_progress) {
                 job.receive_file(data_fd, file_fd);
             } else {
-                std::vector<char> block(32768);
-                for (;;) {
-                    if (!wait_readable(data_fd, 1000)) {
-                        if (!job.alive())
-                            break;
-                        continue;
-                    }
-                    ssize_t n = ::recv(data_fd, block.data(), block.size(), 0);
-                    if (n < 0 && errno == EINTR)
-                        continue;
-                    if (n <= 0 || ::write(file_fd, block.data(), static_cast<size_t>(n)) != n)
-                        break;
-                }
-                close_fd(data_fd);
+                drain_data(job, data_fd, 32768, [file_fd](const char* data, size_t size) {
+                    return ::write(file_fd, data, size) == static_cast<ssize_t>(size);
+                });
             }
             ok = job.wait_while(kTransfer) == kTransferDone;
         }

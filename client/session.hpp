@@ -60,11 +60,17 @@ struct OutgoingSession {
     client::LinkKind kind = client::LinkKind::None;
     std::shared_ptr<client::RelayQueues> relay;
 
+    // Logged in, but the server's login reply (of this code) goes on: the ASCII thread waits
+    // for its last line, since a server may drop a command that comes while it still sends.
+    // Event thread only.
+    int ascii_after = 0;
     // A "226" that came before the transfer thread had taken the data connection.
     bool early_226 = false;
     // The code of the reply that last moved a waiting state (a refusal mapped to "go on" must
     // not make a thread wait for a data connection that never comes).
     int last_code = 0;
+    // When the connection was made: a server that never greets is given up after a while.
+    std::chrono::steady_clock::time_point connected_at{};
     // When QUIT was sent: a server that never closes is closed by us after a while.
     bool quit_pending = false;
     std::chrono::steady_clock::time_point quit_sent{};

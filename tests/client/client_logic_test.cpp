@@ -17,6 +17,12 @@ TEST(ClientReplies, CodeAndLineEnd) {
     EXPECT_TRUE(ends_crlf("220 ready\r\n"));
     EXPECT_FALSE(ends_crlf("220 rea"));
     EXPECT_FALSE(ends_crlf("\n"));
+    // The last line of a multi-line reply ends it.
+    EXPECT_TRUE(completes_reply("230 Logged in.\r\n", 230));
+    EXPECT_TRUE(completes_reply("230-Hello\r\n230 Logged in.\r\n", 230));
+    EXPECT_FALSE(completes_reply("230-Hello\r\n", 230));
+    EXPECT_FALSE(completes_reply("230 Logged", 230));
+    EXPECT_FALSE(completes_reply("230-Hello\r\n 230 not the end\r\n", 230));
 }
 
 TEST(ClientReplies, WaitingStatesFollowTheTable) {

@@ -226,6 +226,28 @@ TEST(ClientProtocol, SplitGreetingAndATransferWhoseRepliesCameTogether) {
     EXPECT_EQ(read_file(c.server().home() / "small.txt"), "abc");
 }
 
+TEST(ClientProtocol, TypeWaitsForTheEndOfAMultiLineLoginReply) {
+    ClientSession c;
+    std::atomic<bool> early_type{false};
+    FakeFtpPeer peer({"220 ready\r\n"},
+                     [&early_type](FakeFtpPeer& p, const std::string& verb, const std::string&) {
+                         if (verb != "PASS")
+                             return false;
+                         p.reply("230-Welcome aboard.\r\n");
+                         std::this_thread::sleep_for(300ms);
+                         for (const std::string& cmd : p.commands())
+                             if (cmd.rfind("TYPE", 0) == 0)
+                                 early_type = true;
+                         p.reply("230 Logged in.\r\n");
+                         return true;
+                     });
+    EXPECT_EQ(c.connect(peer).substr(0),
+              "Connecting to 127.0.0.1 ...\r\n220 ready\r\nUser (admin): remote\r\n"
+              "331 Password required.\r\nPassword: \r\n\r230-Welcome aboard.\r\n"
+              "230 Logged in.\r\n200 Type set to A.\r\nftp> ");
+    EXPECT_FALSE(early_type);
+}
+
 TEST(ClientProtocol, TransferEndThatOvertakesTheDataConnection) {
     ClientSession c;
     FakeFtpPeer peer({"220 ready\r\n"},
@@ -289,6 +311,23 @@ TEST(ClientProtocol, SilentServerAndOneThatIgnoresQuit) {
     }
     EXPECT_EQ(c.line("pwd"), "ftp> ");
     EXPECT_EQ(c.line("bye", "# "), "221 Bye.\r\n# ");
+    EXPECT_TRUE(peer.wait_closed(5s));
+}
+
+TEST(ClientProtocol, ServerThatNeverGreetsIsGivenUp) {
+    ClientSession c;
+    FakeFtpPeer peer({}, nullptr);
+    c.shell().send("ftp 127.0.0.1 " + std::to_string(peer.port()) + "\r\n");
+    c.shell().read_until("Connecting to 127.0.0.1 ...\r\n");
+    std::shared_ptr<OutgoingSession> session;
+    for (int i = 0; i < 100 && !session; ++i, std::this_thread::sleep_for(20ms))
+        session = c.session();
+    ASSERT_TRUE(session);
+    {
+        std::lock_guard lock(session->mutex);
+        session->reply_timeout_ms = 100;
+    }
+    EXPECT_EQ(c.shell().read_until("# "), "\r\n# ");
     EXPECT_TRUE(peer.wait_closed(5s));
 }
 

@@ -73,6 +73,9 @@ class PyftpdlibPeer(unittest.TestCase):
         self.assertEqual(self.s.line("pwd"), b'257 "/" is the current directory.\r\nftp> ')
         self.assertEqual(self.s.line("open x"), b"Already connected close first\r\nftp> ")
         self.assertEqual(self.s.line("quote NOOP"), b"Not Programmed Yet!\r\nftp> ")
+        # The local side is the shell's view of the tree.
+        self.assertEqual(self.s.line("lpwd"), b"\\\r\nftp> ")
+        self.assertIn(b" big.bin\r\n", self.s.line("ldir outbox\\"))
         self.assertEqual(self.s.line("close", until="# "), b"221 Goodbye.\r\n# ")
         self.assertTrue(self.server.wait_log("Ready..."))
 
@@ -261,6 +264,11 @@ class OwnFtpService(unittest.TestCase):
             s.line("bin")
             s.line("hash off")
             s.line("cd pub")
+            listing = s.line("dir")
+            self.assertIn(b"hello.txt\r\n", listing)
+            self.assertTrue(
+                listing.endswith(b"226 ASCII Transfer complete.\r\n200 TYPE set to I\r\nftp> "), listing
+            )
             out = s.line("get hello.txt copy.txt")
             self.assertIn(b"226 Transfer complete.\r\n", out)
             with open(os.path.join(server.home, "copy.txt"), "rb") as f:
