@@ -62,6 +62,8 @@ void SettingsDialogTest::new_ftp_port_restarts_the_listener() {
     test::TestServerConfig config;
     config.telnet = false; // its port only gets stored
     test::Harness h(config);
+    test::TestClient before(h.server.ftp_port());
+    QVERIFY(before.read_until("ready.\r\n").starts_with("220 "));
     ServerSettingsDialog dialog(h.ui);
     int port = test::free_dialog_port();
     child<QLineEdit>(&dialog, "telnet_port")->setText(QString::number(test::free_dialog_port()));
@@ -74,6 +76,11 @@ void SettingsDialogTest::new_ftp_port_restarts_the_listener() {
                                        "  FTP - Ok.  port " + std::to_string(port)}));
     test::TestClient client(port);
     QVERIFY(client.read_until("ready.\r\n").starts_with("220 "));
+    test::TestClient old_port;
+    QVERIFY(!old_port.connect(h.server.ftp_port()));
+    // A session from before the change is still served.
+    QVERIFY(before.send("USER demo\r\n"));
+    QCOMPARE(before.read_until("\r\n"), std::string("331 User ok need Password.\r\n"));
     QCOMPARE(read_settings(h.server.dir() / "settings.ini").ftp_port, port);
 }
 

@@ -111,32 +111,6 @@ TEST(AdminSettings, SaveWritesTheKeysAndReportsANewHome) {
     EXPECT_TRUE(api.save_settings(f));
 }
 
-TEST(AdminSettings, NewFtpPortRestartsTheListenerAndClientsConnectThere) {
-    test::TestServer s;
-    AdminApi api(s.app());
-    test::TestClient before(s.ftp_port());
-    ASSERT_TRUE(before.read_until("ready.\r\n").find("220 ") != std::string::npos);
-
-    SettingsForm f = api.settings_form();
-    int new_port = test::free_port();
-    f.ftp_port = std::to_string(new_port);
-    size_t mark = s.log_lines().size();
-    api.save_settings(f);
-    api.apply_services(f);
-    EXPECT_EQ(lines_since(s, mark),
-              (std::vector<std::string>{"  FTP - Disabled",
-                                        "  FTP - Ok.  port " + std::to_string(new_port)}));
-    EXPECT_EQ(s.server().settings.ftp_port, new_port);
-
-    test::TestClient after(new_port);
-    EXPECT_NE(after.read_until("220 ").find("220 "), std::string::npos);
-    test::TestClient old_port;
-    EXPECT_FALSE(old_port.connect(s.ftp_port()));
-    // The session from before the change is still served.
-    EXPECT_TRUE(before.send("NOOP\r\n"));
-    EXPECT_NE(before.read_until("\r\n").find("50"), std::string::npos);
-}
-
 TEST(AdminSettings, ServiceSwitchesStartStopOrOnlyStoreThePort) {
     test::TestServer s;
     AdminApi api(s.app());
