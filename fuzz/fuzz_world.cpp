@@ -191,7 +191,10 @@ std::unique_ptr<Server> build_from_disk(std::string_view mounts, std::string_vie
 
 namespace {
 
-bool starts_with_dir(const std::string& path, const std::string& base) {
+bool starts_with_dir(const std::string& path, std::string base) {
+    // A mount's directory may keep a separator at its end ("dir/" when "dir//" was given).
+    while (base.size() > 1 && base.back() == '/')
+        base.pop_back();
     if (path.compare(0, base.size(), base) != 0)
         return false;
     return path.size() == base.size() || path[base.size()] == '/';
@@ -212,8 +215,13 @@ void check_contained(const Server& server) {
         }
         std::string real = node_real_path(tree, *node);
         const std::string& base = node->mount ? node->mount->real_dir : tree.home;
+        if (!starts_with_dir(real, base))
+            std::fprintf(stderr, "node %s: host path \"%s\", base \"%s\"\n",
+                         node_virtual_path(*node, '\\').c_str(), real.c_str(), base.c_str());
         check(starts_with_dir(real, base), "a host path leaves its base");
-        std::string below = real.substr(base.size());
+        std::string below = real.substr(std::min(real.size(), base.size()));
+        if (!below.empty() && below.front() != '/')
+            below.insert(below.begin(), '/'); // the base kept its trailing separator
         for (size_t at = 0; at < below.size();) {
             size_t next = below.find('/', at + 1);
             std::string part =
