@@ -2,6 +2,7 @@
 // replies that arrive in awkward pieces, silent servers, the tree after a get, users who go
 // away mid-command, and traffic in both directions at once.
 #include "client/fake_ftp_peer.hpp"
+#include "client/ftp_replies.hpp"
 #include "client/session.hpp"
 #include "core/server.hpp"
 #include "support/test_server.hpp"
@@ -70,6 +71,20 @@ class ClientSession {
             if (slot->service == Service::Telnet)
                 return slot->outgoing();
         return nullptr;
+    }
+
+    // Opens a relay to `port` and waits until the slot relays: bytes typed before that are the
+    // shell's, not the host's.
+    void relay_to(int port) {
+        line("telnet 127.0.0.1 " + std::to_string(port), "...\r\n");
+        auto end = std::chrono::steady_clock::now() + 20s;
+        while (std::chrono::steady_clock::now() < end) {
+            for (const SlotPtr& slot : server_.server().conns.snapshot())
+                if (slot->service == Service::Telnet && slot->state.load() == client::kRelaying)
+                    return;
+            std::this_thread::sleep_for(10ms);
+        }
+        ADD_FAILURE() << "the relay never started";
     }
 
     bool wait_no_users(std::chrono::milliseconds limit = 15s) {
@@ -431,7 +446,7 @@ TEST(ClientGhost, UserGoneAtAQuestionAnswersYes) {
 TEST(ClientGhost, UserGoneDuringARelayClosesTheHostConnection) {
     ClientSession c;
     LoopbackHost host;
-    c.line("telnet 127.0.0.1 " + std::to_string(host.port()), "...\r\n");
+    c.relay_to(host.port());
     c.shell().send("ping");
     EXPECT_EQ(c.shell().read_until("ping"), "ping");
     c.shell().raw().close();
@@ -446,7 +461,7 @@ TEST(ClientConcurrency, RelayCarriesBothDirectionsInOrderForASlowUser) {
     std::string up = pattern(1 << 20, 2);
     LoopbackHost host(down, false);
     host.close_after(up.size());
-    c.line("telnet 127.0.0.1 " + std::to_string(host.port()), "...\r\n");
+    c.relay_to(host.port());
     std::thread typist([&] {
         for (size_t at = 0; at < up.size(); at += 4096)
             c.shell().raw().send(std::string_view(up).substr(at, 4096));
