@@ -28,6 +28,9 @@ void close_after(FtpContext& ctx, const SlotPtr& slot) {
     close_session(ctx, slot);
     ctx.server.log.logf("FTP Close port %i", socket);
     slot->close_control();
+    // A transfer or listing still running for the gone client ends instead of holding its
+    // thread until the data connection times out; an upload still takes what has arrived.
+    slot->stop = 1;
 }
 
 } // namespace

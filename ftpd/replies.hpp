@@ -30,6 +30,10 @@ inline constexpr const char* kTypeBadFmt = "500 'TYPE %s': command not understoo
 inline constexpr const char* kOpeningBinary = "150 Opening BINARY mode data connection";
 inline constexpr const char* kOpeningAscii = "150 Opening ASCII mode data connection";
 inline constexpr const char* kTransferComplete = "226 Transfer complete\r\n";
+// An upload whose file could not be written to the end (a full disk, a size limit): the client
+// must not be told that it was stored.
+inline constexpr const char* kWriteFailed =
+    "452 Transfer aborted: the file could not be written\r\n";
 inline constexpr const char* kNoSuchFile = "550 No such file or directory\r\n";
 inline constexpr const char* kPermissionsDenied = "550 Permissions denied\r\n";
 inline constexpr const char* kNotAddedToTree =

@@ -30,8 +30,15 @@ struct TransferStop {
 };
 // Sends a regular file; returns the bytes sent (0 when it cannot be opened).
 long long send_file(const std::string& path, int data_fd, TransferStop stop);
-// Receives into `path` (created or truncated; a symbolic link is never followed). `opened`
-// tells whether the file could be opened at all. Returns the bytes received.
-long long receive_file(int data_fd, const std::string& path, TransferStop stop, bool& opened);
+// What an upload came to.
+struct Received {
+    long long bytes = 0;   // read from the data connection
+    long long written = 0; // of those, stored in the file
+    bool opened = false;   // the file could be opened at all
+    bool write_failed = false;
+};
+// Receives into `path` (created or truncated; a symbolic link is never followed). After a failed
+// write the upload ends at once.
+Received receive_file(int data_fd, const std::string& path, TransferStop stop);
 
 } // namespace orv
