@@ -8,35 +8,87 @@
 #include "platform/text.hpp"
 #include "vfs/tree.hpp"
 
+#include <charconv>
+#include <cstring>
 #include <shared_mutex>
 
 namespace orv {
 
 namespace {
 
+// A name as "%-8.8s" prints it: cut to 8 characters (or at a NUL) and padded with blanks.
+void append_padded8(std::string& out, const std::string& name) {
+    size_t n = strnlen(name.c_str(), 8);
+    out.append(name.c_str(), n);
+    out.append(8 - n, ' ');
+}
+
 // Type, nine flags, the five blanks where a link count would stand, owner and group.
-std::string line_head(const VfsNode& node) {
-    std::string out = node.kind_text();
+void append_line_head(std::string& out, const VfsNode& node) {
+    out += node.kind;
     static constexpr char kLetters[] = "rwxrwxrwx";
     for (size_t i = 0; i < node.flags.size(); ++i)
         out += node.flags[i] == 1 ? kLetters[i] : '-';
     out += "     ";
-    out += strf("%-8.8s", node.owner ? node.owner->name.c_str() : "");
+    if (node.owner)
+        append_padded8(out, node.owner->name);
+    else
+        out.append(8, ' ');
     out += ' ';
-    out += node.group ? strf("%-8.8s", node.group->name.c_str()) : std::string("<none>  ");
-    return out;
+    if (node.group)
+        append_padded8(out, node.group->name);
+    else
+        out += "<none>  ";
 }
+
+// Listings of thousands of entries are built under the tree lock, so the lines are appended
+// to one buffer without printf or temporary strings.
+void append_long_line(std::string& out, const VfsNode& node) {
+    append_line_head(out, node);
+    // The size column shows the stored 32 bits as a signed number, right-aligned in 10.
+    char digits[16];
+    char* end = std::to_chars(digits, digits + sizeof digits, static_cast<int32_t>(node.size)).ptr;
+    size_t width = static_cast<size_t>(end - digits);
+    out += ' ';
+    if (width < 10)
+        out.append(10 - width, ' ');
+    out.append(digits, width);
+    out += " Jan  1  1998 ";
+    out += node.name;
+    out += "\r\n";
+}
+
+void append_dot_line(std::string& out, const VfsNode& node, const char* name) {
+    append_line_head(out, node);
+    out += "          0 Jan  1  1998 ";
+    out += name;
+    out += "\r\n";
+}
+
+void append_entry(std::string& out, const VfsNode& node, bool names_only) {
+    if (names_only) {
+        out += node.name;
+        out += "\r\n";
+    } else {
+        append_long_line(out, node);
+    }
+}
+
+// Room for a typical long line, so that a large listing grows its buffer once.
+constexpr size_t kTypicalLine = 72;
 
 } // namespace
 
 std::string long_line(const VfsNode& node) {
-    // The size column shows the stored 32 bits as a signed number.
-    return line_head(node) + strf(" %10d Jan  1  1998 ", static_cast<int32_t>(node.size)) +
-           node.name + "\r\n";
+    std::string out;
+    append_long_line(out, node);
+    return out;
 }
 
 std::string dot_line(const VfsNode& node, const char* name) {
-    return line_head(node) + "          0 Jan  1  1998 " + name + "\r\n";
+    std::string out;
+    append_dot_line(out, node, name);
+    return out;
 }
 
 std::string listing_word(std::string argument) {
@@ -55,16 +107,20 @@ ListingPlan plan_listing(const VfsNode* cwd, const User* user, const std::string
         plan.refusal = ftp_text::kListDenied;
         return plan;
     }
-    auto entry_text = [&](const VfsNode& n) { return names_only ? n.name + "\r\n" : long_line(n); };
     if (NodePtr dir = find_child(*cwd, word)) {
         // A named entry is listed whole, after its own "." and ".." (the root is its own
         // parent, as in path resolution).
         NodePtr parent = dir->parent_node();
         const VfsNode& up = parent ? *parent : *dir;
-        plan.data =
-            names_only ? std::string(".\r\n..\r\n") : dot_line(*dir, ".") + dot_line(up, "..");
+        plan.data.reserve((dir->children.size() + 2) * kTypicalLine);
+        if (names_only) {
+            plan.data += ".\r\n..\r\n";
+        } else {
+            append_dot_line(plan.data, *dir, ".");
+            append_dot_line(plan.data, up, "..");
+        }
         for (const NodePtr& child : dir->children)
-            plan.data += entry_text(*child);
+            append_entry(plan.data, *child, names_only);
         return plan;
     }
     NodePtr match = match_first(*cwd, word);
@@ -72,8 +128,9 @@ ListingPlan plan_listing(const VfsNode* cwd, const User* user, const std::string
         plan.missing = strf(ftp_text::kListMissingFmt, word.c_str());
         return plan;
     }
+    plan.data.reserve(cwd->children.size() * kTypicalLine);
     for (; match; match = match_next(*match, word))
-        plan.data += entry_text(*match);
+        append_entry(plan.data, *match, names_only);
     return plan;
 }
 
