@@ -122,19 +122,29 @@ void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session,
     }
 }
 
-// A waiting thread's reply: the state it leads to, under the session lock so that it cannot
-// cross the thread's own change of state.
-void classify(const SlotPtr& slot, const SessionPtr& session, int code, std::string_view piece) {
+// A waiting thread's reply: the state it leads to. Under the session lock, so that it cannot
+// cross the thread's own change of state; the state is read again there, since the thread may
+// have moved on (from 19 to 23, say) since the reply handler first looked. False when the state
+// it found there is not a waiting one.
+bool classify(const SlotPtr& slot, const SessionPtr& session, int code, std::string_view piece) {
     {
         std::lock_guard lock(session->mutex);
         uint8_t now = slot->state.load();
+        if (!is_wait_state(now)) {
+            // The transfer's end overtook the thread that is about to take the data
+            // connection: remember it, or that thread would wait for a "226" that has gone by.
+            if (code == 226 && now == kCommandDone)
+                session->early_226 = true;
+            return false;
+        }
         uint8_t next = classify_reply(now, code, piece);
         if (next == now)
-            return;
+            return true;
         slot->state = next;
         session->last_code = code;
     }
     session->state_changed.notify_all();
+    return true;
 }
 
 void handle_reply(Server& server, const SlotPtr& slot, const SessionPtr& session,
@@ -167,14 +177,8 @@ void handle_reply(Server& server, const SlotPtr& slot, const SessionPtr& session
         classify(slot, session, code, piece);
         return;
     }
-    log_unhandled(server, piece, state);
-    if (code == 226) {
-        // The transfer's end overtook the thread that is about to take the data connection:
-        // remember it, or that thread would wait for a "226" that has gone by.
-        std::lock_guard lock(session->mutex);
-        if (slot->state.load() == kCommandDone)
-            session->early_226 = true;
-    }
+    if (!classify(slot, session, code, piece))
+        log_unhandled(server, piece, state);
 }
 
 void arm_control(Server& server, const SlotPtr& slot, const SessionPtr& session,

@@ -98,8 +98,10 @@ OpenResult ReceiveTarget::open(Server& server, const User* user, const NodePtr& 
 
 void ReceiveTarget::begin() {
     begun_ = true;
+    // A file that cannot be shortened keeps its old tail past the new end; the write errors
+    // of the transfer itself are logged by the receive loop.
     if (fd_ >= 0 && ::ftruncate(fd_, 0) != 0)
-        return;
+        ::lseek(fd_, 0, SEEK_SET);
 }
 
 void ReceiveTarget::close() {

@@ -293,6 +293,16 @@ class OpenTexts(unittest.TestCase):
         self.assertEqual(self.s.line("hash on"), b"ftp> ")
         self.assertEqual(self.s.line("lcd nowhere"), b"nowhere: does not exist\r\nftp> ")
         self.assertEqual(self.s.line("lcd \\"), b"Local directory now: \\\r\nftp> ")
+        self.assertEqual(
+            self.s.line("?"),
+            b"Commands are:\r\n\r\n?\r\n"
+            b"ascii    dir      lcd      more     quit \r\n"
+            b"bin      exit     ldir     mput    *qoute\r\n"
+            b"bye      ftp      lpwd     open     rmdir \r\n"
+            b"cd       get      ls       prompt   tick  \r\n"
+            b"close    hash     mget     put      user  \r\n"
+            b"delete\t\thelp     mkdir    pwd            \r\nftp> ",
+        )
         self.assertEqual(self.s.line("quit", until="# "), b"# ")
 
 
