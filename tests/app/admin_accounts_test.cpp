@@ -3,8 +3,11 @@
 #include "support/test_server.hpp"
 #include "vfs/tree.hpp"
 
+#include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <shared_mutex>
+#include <thread>
 
 using namespace orv;
 
@@ -196,4 +199,40 @@ TEST(AdminGroups, DeleteTakesEveryMemberOut) {
                                         "*** Could not find Group (nope) for delete! ***"}));
     EXPECT_TRUE(api.group_names().empty());
     EXPECT_TRUE(api.user("admin")->groups.empty());
+}
+
+// Dialog changes run on the event thread beside sessions that log in, read the same records and
+// end: nothing may race (this runs under ThreadSanitizer) and every login gets an answer.
+TEST(AdminConcurrency, AccountChangesBesideLoggingInSessions) {
+    test::TestServer s;
+    AdminApi api(s.app());
+    std::atomic<bool> done{false};
+    std::atomic<int> answered{0};
+    std::thread sessions([&] {
+        while (!done) {
+            test::TestClient c(s.ftp_port());
+            c.read_until("ready.\r\n");
+            c.send("USER demo\r\n");
+            c.read_until("\r\n");
+            c.send("PASS demo-pass\r\n");
+            std::string reply = c.read_until("\r\n");
+            if (reply.starts_with("230") || reply.starts_with("550"))
+                ++answered;
+        }
+    });
+    for (int i = 0; i < 30; ++i) {
+        UserForm f = user_form("demo", "demo-pass", kRightFtpIn | kRightTelnetIn);
+        f.super_user = i % 2 == 1;
+        ASSERT_FALSE(api.save_user(f).refusal);
+        api.save_group("staff", i % 3 == 0 ? std::vector<std::string>{"demo", "admin"}
+                                           : std::vector<std::string>{"admin"});
+        if (i % 10 == 9)
+            api.delete_user("demo");
+    }
+    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (answered < 3 && std::chrono::steady_clock::now() < limit)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    done = true;
+    sessions.join();
+    EXPECT_GE(answered.load(), 3);
 }
