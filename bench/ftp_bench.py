@@ -624,13 +624,14 @@ def main():
 
     conf_root = tempfile.mkdtemp(prefix="orvane-bench-conf-", dir=work)
     os.chmod(conf_root, 0o755)
-    servers = [Orvane(home, os.path.join(conf_root, "orvane"), binary)]
-    if args.peers:
-        servers += [Vsftpd(home, os.path.join(conf_root, "vsftpd"), roots["vsftpd"]),
-                    Proftpd(home, os.path.join(conf_root, "proftpd"), roots["proftpd"]),
-                    PureFtpd(home, os.path.join(conf_root, "pure-ftpd"), roots["pure-ftpd"])]
     results, cpus, notes = {}, {}, []
     try:
+        servers = [Orvane(home, os.path.join(conf_root, "orvane"), binary)]
+        if args.peers:
+            servers += [Vsftpd(home, os.path.join(conf_root, "vsftpd"), roots["vsftpd"]),
+                        Proftpd(home, os.path.join(conf_root, "proftpd"), roots["proftpd"]),
+                        PureFtpd(home, os.path.join(conf_root, "pure-ftpd"),
+                                 roots["pure-ftpd"])]
         for server in servers:
             log("%s (load average %s) ..." % (server.name, load_average()))
             server.start()
