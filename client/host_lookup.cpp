@@ -47,8 +47,10 @@ std::string open_argument(std::string_view arg) {
     if (blank != std::string_view::npos) {
         rest = trim_blanks(rest.substr(blank));
         std::string_view port = rest.substr(0, std::min<size_t>(rest.find(' '), 64));
-        if (!port.empty())
-            out += " " + std::string(port);
+        if (!port.empty()) {
+            out += ' ';
+            out += port;
+        }
     }
     return out;
 }
