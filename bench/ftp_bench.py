@@ -653,6 +653,12 @@ def main():
                 try:
                     more, spent, _ = uploads(server, Load(load_binary, server), home,
                                              1 if args.quick else 5)
+                except RuntimeError as e:
+                    # A peer that fails now (its port 20 still taken, say) keeps its first
+                    # round rather than costing the whole run.
+                    notes.append("%s: second round of uploads failed, first round kept: %s"
+                                 % (server.name, e))
+                    continue
                 finally:
                     server.stop()
                 runs = results[server.name]["stor_runs"] + more
