@@ -28,12 +28,6 @@ TELNET_FULL = b"Orvane Server (beta) written by Pel Varnholt and Kam Osterlo\r\n
 USER_OK = b"331 User ok need Password.\r\n"
 COMPLETE = b"226 Transfer complete\r\n"
 OPENING = b"150 Opening BINARY mode data connection\r\n"
-SHELL_HELP = (b"Commands that work are:\r\n\r\n"
-              b"?        cp       ls       pwd      whoami\r\n"
-              b"cd       dir      man      rm\r\n"
-              b"chgrp    exit     mkdir    rmdir\r\n"
-              b"chmod    ftp      more     telnet\r\n"
-              b"chown    help     mv       who\r\n")
 RESET = b"\x01\x00\x00\x00\x00\x00\x00\x00"  # SO_LINGER on, 0 s: close() sends a reset
 
 SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
@@ -131,10 +125,8 @@ class Server:
             os.makedirs(os.path.dirname(os.path.join(self.home, rel)), exist_ok=True)
             with open(os.path.join(self.home, rel), "wb") as f:
                 f.write(data)
-        self.ftp_port, self.telnet_port = free_port(), free_port()
-        self.write_table("settings.ini", "[Server_Settings]\nserverhome=%s\nmaxusers=%d\n"
-                         "[Services]\ntelnet=1\nftp=1\ntelnet_port=%d\nftp_port=%d\n" % (
-                             self.home, maxusers, self.telnet_port, self.ftp_port))
+        self.maxusers = maxusers
+        self.new_ports()
         # (An account without a password gets a stored form no password matches.)
         self.write_table("users", "".join("%s:%d:%s:%d:%d:\\\n" % (
             name, uid, pw and subprocess.run([BINARY, "--encode-password", name, pw], check=True,
@@ -150,6 +142,12 @@ class Server:
         if start:
             self.start()
 
+    def new_ports(self):
+        self.ftp_port, self.telnet_port = free_port(), free_port()
+        self.write_table("settings.ini", "[Server_Settings]\nserverhome=%s\nmaxusers=%d\n"
+                         "[Services]\ntelnet=1\nftp=1\ntelnet_port=%d\nftp_port=%d\n" % (
+                             self.home, self.maxusers, self.telnet_port, self.ftp_port))
+
     def write_table(self, name, text):
         with open(os.path.join(self.dir, name), "w") as f:
             f.write(text)
@@ -160,7 +158,7 @@ class Server:
 
     # ---- the process ----
 
-    def start(self, preexec_fn=None):
+    def start(self, preexec_fn=None, attempts=3):
         self.lines, self.logged, self.reports = [], 0, []
         self.cond = threading.Condition()
         self.proc = subprocess.Popen([BINARY, "--headless", "-C", self.dir],
@@ -171,6 +169,11 @@ class Server:
         if not self.wait_log("Ready..."):
             self.stop(sig=signal.SIGKILL)
             raise RuntimeError("server did not start: %r" % self.lines[-20:])
+        if attempts > 1 and self.wait_log_match(" - Bind error ", 0):
+            # Another process took a port between its choice and the bind.
+            self.stop()
+            self.new_ports()
+            self.start(preexec_fn, attempts - 1)
 
     def _read(self):
         for raw in self.proc.stdout:
@@ -308,9 +311,6 @@ class Conn:
         return self._read(lambda: text in self.buf,
                           lambda: self.buf.index(text) + len(text), repr(text), limit)
 
-    def read_exact(self, n, limit=WAIT):
-        return self._read(lambda: len(self.buf) >= n, lambda: n, "%d bytes" % n, limit)
-
     def read_to_close(self, limit=WAIT):
         """Everything up to the server's close; raises when it does not close in time."""
         return self._read(lambda: self.eof, lambda: len(self.buf), "the close", limit)
@@ -329,7 +329,8 @@ class Conn:
         """Types a line; checks its echo and returns what follows up to `until`."""
         self.send(line + "\r\n")
         echo = line.encode("latin-1") + b"\r\n"
-        expect(self.read_exact(len(echo)), echo, "echo")
+        expect(self._read(lambda: len(self.buf) >= len(echo), lambda: len(echo), "echo", WAIT),
+               echo, "echo")
         return self.read_until(until)
 
     def abort(self):
@@ -369,10 +370,6 @@ class DataListener:
         conn, _ = self.sock.accept()
         conn.settimeout(limit)
         return conn
-
-    def receive_all(self, limit=WAIT):
-        with self.accept(limit) as conn:
-            return b"".join(iter(lambda: conn.recv(1 << 20), b""))
 
     def assert_unused(self, wait=1.0):
         """Raises when the server connected here."""
@@ -414,10 +411,10 @@ class Ftp(Conn):
             self.port(lst)
             self.send(command + "\r\n")
             opening = self.line()
-            if send is None:
-                data = lst.receive_all()
-            else:
-                with lst.accept() as conn:
+            with lst.accept() as conn:
+                if send is None:
+                    data = b"".join(iter(lambda: conn.recv(1 << 20), b""))
+                else:
                     try:
                         conn.sendall(send)
                         data = True
@@ -458,27 +455,32 @@ FTPServer(("127.0.0.1", port), FTPHandler).serve_forever()
 
 
 class Peer:
-    """A real program serving one loopback port (it is up once the port listens: a probe
-    would use up socat's single connection)."""
+    """A real program serving one loopback port, made by `argv(port)`. It is up once the port
+    listens (a probe would use up socat's single connection); when it cannot bind the free port
+    it was given (another process took it meanwhile) it gets another one."""
 
-    def __init__(self, argv, port):
-        self.port = port
-        self.proc = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        if not wait_until(lambda: tcp_count(port, "0A", remote=False) > 0):
-            self.stop()
-            raise RuntimeError("%s did not start" % argv[0])
+    def __init__(self, argv):
+        for _ in range(5):
+            self.port = free_port()
+            self.proc = subprocess.Popen(argv(self.port), stdout=subprocess.DEVNULL,
+                                         stderr=subprocess.DEVNULL)
+            if wait_until(lambda: tcp_count(self.port, "0A", False) or
+                          self.proc.poll() is not None) and self.proc.poll() is None:
+                return
+            end_process(self.proc)
+        raise RuntimeError("%s did not start" % argv(0)[0])
 
     @classmethod
     def pyftpd(cls, root, bytes_per_second=0):
         """Debian's pyftpdlib serving `root` to remote/remote-pass."""
-        port = free_port()
-        return cls([PYTHON, "-c", PYFTPD_SCRIPT, str(port), root, str(bytes_per_second)], port)
+        return cls(lambda port: [PYTHON, "-c", PYFTPD_SCRIPT, str(port), root,
+                                 str(bytes_per_second)])
 
     @classmethod
     def socat(cls, target):
         """socat serving a single connection with `target`."""
-        port = free_port()
-        return cls(["socat", "TCP-LISTEN:%d,bind=127.0.0.1,reuseaddr" % port, target], port)
+        return cls(lambda port: ["socat", "TCP-LISTEN:%d,bind=127.0.0.1,reuseaddr" % port,
+                                 target])
 
     def stop(self):
         end_process(self.proc)
@@ -667,7 +669,10 @@ class Worker(threading.Thread):
         self.ok(t.read_until(b"# "), b"# ", "more q")
 
     def sh_help(self, t):
-        self.say(t, "help", SHELL_HELP)
+        self.say(t, "help", b"Commands that work are:\r\n\r\n"
+                 b"?        cp       ls       pwd      whoami\r\ncd       dir      man      rm\r\n"
+                 b"chgrp    exit     mkdir    rmdir\r\nchmod    ftp      more     telnet\r\n"
+                 b"chown    help     mv       who\r\n")
 
 
 # ---- the soak ----
@@ -682,46 +687,42 @@ def run_soak(sessions=256, seconds=60.0, warmup=10.0):
     raise_fd_limit(sessions * 8 + 1024)
     server = Server(maxusers=sessions, users=SOAK_USERS, keep_log=False,
                     files={"pub/known.bin": pattern_bytes(64 * 1024, 11), "pub/lines.txt": LINES})
-    figures = {"sessions": sessions, "seconds": seconds}
     try:
-        idle_threads, idle_fds = server.thread_count(), server.fd_count()
-        figures.update(idle_threads=idle_threads, idle_fds=idle_fds, rss_start_kib=server.rss_kib())
+        idle = (server.thread_count(), server.fd_count())
+        figures = dict(sessions=sessions, seconds=seconds, idle_threads=idle[0], idle_fds=idle[1],
+                       rss_start_kib=server.rss_kib(), peak_threads=0, peak_fds=0, peak_rss_kib=0)
 
         def phase(duration, seed):
             deadline = time.monotonic() + duration
             workers = [Worker(server, ("ftp", "telnet")[i % 2], "demo", "demo-pass", i, deadline,
                               seed * 100000 + i) for i in range(sessions)]
-            peak = {"threads": 0, "fds": 0, "rss": 0}
-            started = time.monotonic()
             for w in workers:
                 w.start()
             while any(w.is_alive() for w in workers):
                 time.sleep(1.0)
-                if server.alive():
-                    peak["threads"] = max(peak["threads"], server.thread_count())
-                    peak["fds"] = max(peak["fds"], server.fd_count())
-                    peak["rss"] = max(peak["rss"], server.rss_kib())
-            return workers, peak, time.monotonic() - started
+                for key, value in (("peak_threads", server.thread_count()),
+                                   ("peak_fds", server.fd_count()),
+                                   ("peak_rss_kib", server.rss_kib())):
+                    figures[key] = max(figures[key], value)
+            figures["failures"] = [f for w in workers for f in w.failures]
+            return workers
 
-        if warmup > 0:
-            figures["failures"] = [f for w in phase(warmup, 1)[0] for f in w.failures]
-            if figures["failures"]:
-                return figures, server
-        server.wait_quiet(idle_threads, idle_fds)
-        figures["rss_baseline_kib"] = server.rss_kib()
-        cpu_before = server.cpu_seconds()
-        workers, peak, elapsed = phase(seconds, 2)
-        figures["cpu_seconds"] = round(server.cpu_seconds() - cpu_before, 1)
+        if warmup > 0 and phase(warmup, 1) and figures["failures"]:
+            return figures, server
+        server.wait_quiet(*idle)
+        figures.update(rss_baseline_kib=server.rss_kib(), peak_threads=0, peak_fds=0,
+                       peak_rss_kib=0)
+        started, cpu_before = time.monotonic(), server.cpu_seconds()
+        workers = phase(seconds, 2)
         figures.update(
-            elapsed=round(elapsed, 1),
+            elapsed=round(time.monotonic() - started, 1),
+            cpu_seconds=round(server.cpu_seconds() - cpu_before, 1),
             replies_checked=sum(w.checked for w in workers),
             logins=sum(w.sessions for w in workers),
             ftp_logins=sum(w.sessions for w in workers if w.kind == "ftp"),
             telnet_logins=sum(w.sessions for w in workers if w.kind == "telnet"),
             mib_moved=round(sum(w.bytes for w in workers) / 1048576.0, 1),
-            failures=[f for w in workers for f in w.failures],
-            peak_threads=peak["threads"], peak_fds=peak["fds"], peak_rss_kib=peak["rss"])
-        figures["quiet"] = server.wait_quiet(idle_threads, idle_fds, limit=60)
+            quiet=server.wait_quiet(*idle, limit=60))
         figures.update(end_threads=server.thread_count(), end_fds=server.fd_count(),
                        rss_end_kib=server.rss_kib(), who_after=who_names(server),
                        sanitized=server.sanitized(), log_lines=server.logged)
@@ -729,4 +730,3 @@ def run_soak(sessions=256, seconds=60.0, warmup=10.0):
     except BaseException:
         server.close()
         raise
-

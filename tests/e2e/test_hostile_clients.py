@@ -27,16 +27,16 @@ class HostileClients(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         raise_fd_limit(8192)
-        files = {"pub/known.bin": KNOWN, "pub/big.bin": BIG, "pub/lines.txt": LINES,
-                 "qa/a1.txt": b"a1\n", "qa/a2.txt": b"a2\n", "qa/a3.txt": b"a3\n"}
-        for i in range(3000):
-            files["many/entry-with-a-long-name-%05d.txt" % i] = b""
+        files = {"many/entry-with-a-long-name-%05d.txt" % i: b"" for i in range(3000)}
+        files.update({"pub/known.bin": KNOWN, "pub/big.bin": BIG, "pub/lines.txt": LINES,
+                      "qa/a1.txt": b"a1\n", "qa/a2.txt": b"a2\n", "qa/a3.txt": b"a3\n"})
         cls.server = Server(maxusers=MAXUSERS, files=files, dirs=("pub/inbox",))
         cls.idle = (cls.server.thread_count(), cls.server.fd_count())
         cls.honest = [Worker(cls.server, "ftp", "honestf", "honest-ftp", index=900),
                       Worker(cls.server, "telnet", "honestt", "honest-tel", index=901)]
         for w in cls.honest:
             w.start()
+        for w in cls.honest:
             w.ready.wait(WAIT)
 
     @classmethod

@@ -51,8 +51,10 @@ class ShellClients(unittest.TestCase):
         self.s = shell(self.server, "admin", "admin-pass")
         self.addCleanup(self.s.close)
 
-    def connect(self):
+    def connect(self, *lines):
         ftp_login(self.s, self.ftpd.port)
+        for line in lines:
+            self.do(line)
 
     def do(self, line, until=PROMPT):
         return self.s.say(line, until)
@@ -152,9 +154,7 @@ class ShellClients(unittest.TestCase):
             "-", "rwxr-xr-x", "admin", None, 10485760, "got.bin", date=False) + b"# ")
 
     def test_mget_and_mput_with_and_without_prompting(self):
-        self.connect()
-        self.do("hash off")
-        self.do("cd sub")
+        self.connect("hash off", "cd sub")
         self.assertIn(b"Searching for . ...\r\n", self.do("mget .", b"Search Complete.\r\n"))
         for name, answer in (("alpha", "y"), ("beta", "n"), ("gamma.txt", "Y")):
             self.s.read_until("get %s [y/n]? " % name)
@@ -175,16 +175,15 @@ class ShellClients(unittest.TestCase):
         self.s.read_until(PROMPT)
         self.assertFalse(os.path.exists(self.path("remote", "sub", "one.up")))
         self.assertEqual(self.read("remote", "sub", "two.up"), b"two\n")
-        self.do("prompt")
-        self.do("mput outbox\\*.up")
+        for line in ("prompt", "mput outbox\\*.up"):
+            self.do(line)
         self.assertTrue(os.path.exists(self.path("remote", "sub", "one.up")))
         self.table([("mput outbox\\*.none",
                      b"mput: outbox\\*.none: No files matched your criteria\r\n")])
         self.do("bye", b"# ")
 
     def test_more_pages_a_remote_file(self):
-        self.connect()
-        self.do("hash off")
+        self.connect("hash off")
         self.do("more lines.txt", "Search Complete.\r\n")
         self.assertEqual(self.s.read_until("-MORE-"),
                          b"".join(b"line %02d\r\r\n" % i for i in range(1, 24)) + b"-MORE-")
@@ -234,19 +233,17 @@ class ShellClients(unittest.TestCase):
 
     def test_get_and_put_through_our_own_ftp_port(self):
         ftp_login(self.s, self.server.ftp_port, "admin", "admin-pass")
-        self.do("bin")
-        self.do("hash off")
-        self.do("cd pub")
+        for line in ("bin", "hash off", "cd pub"):
+            self.do(line)
         listing = self.do("dir")
         self.assertIn(b"hello.txt\r\n", listing)
         self.assertTrue(listing.endswith(
             b"226 ASCII Transfer complete.\r\n200 TYPE set to I\r\nftp> "), listing)
-        self.assertIn(b"226 Transfer complete.\r\n", self.do("get hello.txt copy.txt"))
-        self.assertEqual(self.read("home", "copy.txt"), b"hello from home\n")
-        self.assertIn(b"226 Transfer complete.\r\n", self.do("put copy.txt back.txt"))
-        self.assertEqual(self.read("home", "pub", "back.txt"), b"hello from home\n")
+        for line, path in (("get hello.txt copy.txt", ("home", "copy.txt")),
+                           ("put copy.txt back.txt", ("home", "pub", "back.txt"))):
+            self.assertIn(b"226 Transfer complete.\r\n", self.do(line))
+            self.assertEqual(self.read(*path), b"hello from home\n")
         self.do("bye", b"# ")
-
 
     def test_bytes_pass_unchanged_both_ways_until_the_host_closes(self):
         open_relay(self, "EXEC:head -c 16")
@@ -268,9 +265,8 @@ class ShellClients(unittest.TestCase):
         self.assertEqual(self.s.read_until("# "), b"# ")
 
     def test_relay_into_our_own_telnet_service(self):
-        self.s.send("telnet 127.0.0.1 %d\r\n" % self.server.telnet_port)
-        self.s.read_until("Connecting to 127.0.0.1 ...\r\n")
-        self.assertEqual(self.s.read_until("login: "), TELNET_WELCOME)
+        self.assertEqual(self.s.say("telnet 127.0.0.1 %d" % self.server.telnet_port, "login: "),
+                         b"Connecting to 127.0.0.1 ...\r\n" + TELNET_WELCOME)
         self.s.send("demo\r\n")
         self.s.read_until("Password: ")
         self.s.send("demo-pass\r\n")
@@ -307,11 +303,8 @@ class Ghosts(unittest.TestCase):
         self.vanish(peer, "Outgoing Telnet connection logged off")
 
     def test_user_gone_during_a_get(self):
-        root = os.path.join(self.server.dir, "remote")
-        os.makedirs(root)
-        with open(os.path.join(root, "slow.bin"), "wb") as f:
-            f.write(b"s" * (1536 * 1024))
-        ftpd = Peer.pyftpd(root, bytes_per_second=512 * 1024)
+        self.server.write_table("slow.bin", "s" * (1536 * 1024))
+        ftpd = Peer.pyftpd(self.server.dir, bytes_per_second=512 * 1024)
         ftp_login(self.s, ftpd.port)
         self.s.say("bin", "ftp> ")
         self.s.say("get slow.bin", "Transfer starting.\r\n")
@@ -325,7 +318,6 @@ class Ghosts(unittest.TestCase):
         self.s.send("remote\r\n")
         self.s.read_until("Password: ")
         self.vanish(ftpd, "Outgoing FTP connection logged off")
-
 
 
 if __name__ == "__main__":
