@@ -100,36 +100,52 @@ void listing(FtpJob& job, const std::string& arg, bool long_form) {
     job.finish(long_form ? "DIR" : "LS", job.user_socket());
 }
 
+// False after telling the user why the local file of a get or put could not be opened.
+bool local_file_ready(FtpJob& job, OpenResult result) {
+    switch (result) {
+    case OpenResult::Denied:
+        job.say("local file: permission denied\r\n");
+        return false;
+    case OpenResult::Failed:
+        job.say("Error opening local file\r\n");
+        return false;
+    case OpenResult::Ok:
+        break;
+    }
+    return true;
+}
+
+// The data connection of a RETR or STOR (`command`): the port opened, the command sent once the
+// remote side took the PORT, the connection accepted and the transfer state entered. -1 when
+// any step fails.
+int start_file_transfer(FtpJob& job, const std::string& command) {
+    int listen_fd = job.open_data_port();
+    if (listen_fd < 0) {
+        report_port_failure(job);
+        return -1;
+    }
+    int data_fd = -1;
+    if (job.wait_while(kPortSent) == kPortAccepted) {
+        job.command(command, kCommandSent);
+        if (data_command_accepted(job, job.wait_while(kCommandSent), kCommandDone))
+            data_fd = job.accept_data(listen_fd);
+    }
+    close_fd(listen_fd);
+    if (data_fd >= 0)
+        job.enter_transfer();
+    return data_fd;
+}
+
 // Steps 3 to 7 of a get: `remote` into `name` in `dir`.
 void fetch(FtpJob& job, const NodePtr& dir, const std::string& name, const std::string& remote,
            const NodePtr& start_cwd) {
     std::shared_ptr<User> user = job.user();
     ReceiveTarget target;
-    switch (target.open(job.server, user.get(), dir, name)) {
-    case OpenResult::Denied:
-        job.say("local file: permission denied\r\n");
+    if (!local_file_ready(job, target.open(job.server, user.get(), dir, name)))
         return;
-    case OpenResult::Failed:
-        job.say("Error opening local file\r\n");
-        return;
-    case OpenResult::Ok:
-        break;
-    }
-    int listen_fd = job.open_data_port();
-    if (listen_fd < 0) {
-        report_port_failure(job);
-        return;
-    }
-    int data_fd = -1;
-    if (job.wait_while(kPortSent) == kPortAccepted) {
-        job.command("RETR " + remote + "\r\n", kCommandSent);
-        if (data_command_accepted(job, job.wait_while(kCommandSent), kCommandDone))
-            data_fd = job.accept_data(listen_fd);
-    }
-    close_fd(listen_fd);
+    int data_fd = start_file_transfer(job, "RETR " + remote + "\r\n");
     if (data_fd < 0)
         return;
-    job.enter_transfer();
     target.begin();
     job.receive_file(data_fd, target.fd());
     if (job.wait_while(kTransfer) == kTransferDone)
@@ -144,21 +160,9 @@ void fetch(FtpJob& job, const NodePtr& dir, const std::string& name, const std::
 
 // Sends one local file (already opened) as `remote`.
 void deliver(FtpJob& job, SendSource& source, const std::string& remote, bool multiple) {
-    int listen_fd = job.open_data_port();
-    if (listen_fd < 0) {
-        report_port_failure(job);
-        return;
-    }
-    int data_fd = -1;
-    if (job.wait_while(kPortSent) == kPortAccepted) {
-        job.command("STOR " + remote + "\r\n", kCommandSent);
-        if (data_command_accepted(job, job.wait_while(kCommandSent), kCommandDone))
-            data_fd = job.accept_data(listen_fd);
-    }
-    close_fd(listen_fd);
+    int data_fd = start_file_transfer(job, "STOR " + remote + "\r\n");
     if (data_fd < 0)
         return;
-    job.enter_transfer();
     job.send_file(data_fd, source.fd());
     if (multiple)
         job.log(strf("(%i) waiting for 226...", job.user_socket()));
@@ -169,17 +173,7 @@ void deliver(FtpJob& job, SendSource& source, const std::string& remote, bool mu
 // Opens a local file for put; false after telling the user why not.
 bool open_source(FtpJob& job, SendSource& source, const NodePtr& dir, const std::string& name) {
     std::shared_ptr<User> user = job.user();
-    switch (source.open(job.server, user.get(), dir, name)) {
-    case OpenResult::Denied:
-        job.say("local file: permission denied\r\n");
-        return false;
-    case OpenResult::Failed:
-        job.say("Error opening local file\r\n");
-        return false;
-    case OpenResult::Ok:
-        break;
-    }
-    return true;
+    return local_file_ready(job, source.open(job.server, user.get(), dir, name));
 }
 
 void log_search_failure(FtpJob& job, const char* text) {
