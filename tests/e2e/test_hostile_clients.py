@@ -14,8 +14,8 @@ import unittest
 
 from hostile_support import (COMPLETE, GOODBYE, GREETING, LINES, RESET, TELNET_FULL,
                              TELNET_WELCOME, USER_OK, WAIT, Conn, DataListener, Ftp, Server,
-                             Worker, login, long_line, main, pattern_bytes, raise_fd_limit,
-                             shell, wait_until, who_names)
+                             Worker, ftp_login, login, long_line, main, pattern_bytes,
+                             raise_fd_limit, shell, wait_until, who_names)
 
 KNOWN = pattern_bytes(300 * 1024, 7)
 BIG = pattern_bytes(24 * 1024 * 1024, 8)
@@ -324,13 +324,9 @@ class HostileClients(unittest.TestCase):
     def test_10_client_that_vanishes_at_a_yes_no_question(self):
         t = shell(self.server, "admin", "admin-pass")
         t.say("cd \\pub\\inbox")
-        t.say("ftp 127.0.0.1 %d" % self.server.ftp_port, until=b"User (admin): ")
-        t.send("demo\r\n")
-        t.read_until(b"Password: ")
-        t.send("demo-pass\r\n")
-        t.read_until(b"ftp> ")
-        t.say("hash off", until=b"ftp> ")
-        t.say("cd qa", until=b"ftp> ")
+        ftp_login(t, self.server.ftp_port, "demo", "demo-pass")
+        for line in ("hash off", "cd qa"):
+            t.say(line, until=b"ftp> ")
         mark = self.server.mark()
         t.say("mget *", until=b" [y/n]? ")
         t.abort()
