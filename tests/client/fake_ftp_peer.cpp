@@ -55,7 +55,7 @@ void FakeFtpPeer::reply(std::string_view text) {
     send_everything(control_fd_, text);
 }
 
-int FakeFtpPeer::open_data() {
+bool FakeFtpPeer::send_data(std::string_view data, std::chrono::milliseconds pause_per_block) {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
@@ -63,37 +63,15 @@ int FakeFtpPeer::open_data() {
     ::inet_pton(AF_INET, data_host_.c_str(), &sa.sin_addr);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
         ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-bool FakeFtpPeer::send_data(std::string_view data, std::chrono::milliseconds pause_per_block) {
-    int fd = open_data();
-    if (fd < 0)
         return false;
-    while (!data.empty()) {
-        size_t n = std::min<size_t>(data.size(), 16384);
-        send_everything(fd, data.substr(0, n));
-        data.remove_prefix(n);
+    }
+    for (; !data.empty(); data.remove_prefix(std::min<size_t>(data.size(), 16384))) {
+        send_everything(fd, data.substr(0, 16384));
         if (pause_per_block.count() > 0)
             std::this_thread::sleep_for(pause_per_block);
     }
     ::close(fd);
     return true;
-}
-
-std::string FakeFtpPeer::receive_data(int fd) {
-    std::string out;
-    char buf[65536];
-    while (readable(fd, 5000)) {
-        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-        if (n <= 0)
-            break;
-        out.append(buf, static_cast<size_t>(n));
-    }
-    ::close(fd);
-    return out;
 }
 
 std::vector<std::string> FakeFtpPeer::commands() const {

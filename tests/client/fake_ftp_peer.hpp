@@ -29,12 +29,9 @@ class FakeFtpPeer {
     int port() const { return port_; }
     // Sends bytes on the control connection (script thread).
     void reply(std::string_view text);
-    // Connects to the address of the last PORT; -1 on failure (script thread).
-    int open_data();
-    // Sends `data` on a new data connection and closes it (script thread).
+    // Sends `data` on a new data connection to the last PORT's address and closes it, pausing
+    // after every 16 KiB block (script thread).
     bool send_data(std::string_view data, std::chrono::milliseconds pause_per_block = {});
-    // Reads a data connection to its end (script thread).
-    std::string receive_data(int fd);
 
     std::vector<std::string> commands() const;
     // True once the client closed the control connection.

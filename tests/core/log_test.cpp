@@ -11,22 +11,16 @@ using namespace orv;
 TEST(Log, DebugFileAddsLineEndOnlyWhenMissing) {
     test::TempDir dir;
     Log log;
+    log.set_debug_file(dir / "debug.txt");
+    log.log_message("lost"); // nothing is written before a sink is set
+    EXPECT_FALSE(std::filesystem::exists(dir / "debug.txt"));
     std::vector<std::string> seen;
     log.set_sink([&](std::string_view t) { seen.emplace_back(t); });
-    log.set_debug_file(dir / "debug.txt");
     log.log_message("Ready...");
     log.log_message("already\r\n");
     log.logf("(%i) %s", 7, "LIST");
     EXPECT_EQ(dir.read("debug.txt"), "Ready...\r\nalready\r\n(7) LIST\r\n");
     EXPECT_EQ(seen, (std::vector<std::string>{"Ready...", "already\r\n", "(7) LIST"}));
-}
-
-TEST(Log, WithoutSinkNothingIsWritten) {
-    test::TempDir dir;
-    Log log;
-    log.set_debug_file(dir / "debug.txt");
-    log.log_message("lost");
-    EXPECT_FALSE(std::filesystem::exists(dir / "debug.txt"));
 }
 
 TEST(Log, ManyThreadsLoseNoLine) {

@@ -6,11 +6,9 @@
 
 #include <gtest/gtest.h>
 #include <shared_mutex>
-#include <thread>
 
 using namespace orv;
 using namespace orv::test;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -18,79 +16,54 @@ const std::string kGreeting =
     "220 Orvane Server (beta) written by Pel Varnholt and Kem Osterlo, ready.\r\n";
 const std::string kGoodbye = "221-Orvane Server (beta) written by Pel Varnholt and Kem Osterlo\r\n"
                              "221 Connection closed.\r\n";
-
-// The control socket number the server logs for a client: the newest "FTP Connect" line.
-int last_socket(const TestServer& server) {
-    int socket = -1;
-    for (const std::string& l : server.log_lines())
-        if (l.rfind("FTP Connect from 127.0.0.1 port ", 0) == 0)
-            socket = std::stoi(l.substr(32));
-    return socket;
-}
+const std::string kPwdRoot = "257 \"/\" is current directory.\r\n";
+const std::string kNotImplemented = "502 Command not implemented.\r\n";
+const std::string kNotUnderstood = "500 Command not understood.\r\n";
 
 int active_logins(TestServer& server, const std::string& name) {
     std::shared_lock lock(server.server().tree_mutex);
     return server.server().accounts->find_user(name)->active_logins.load();
 }
 
-bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
-    auto until = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > until)
-            return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
-bool logged(const TestServer& server, const std::string& line) {
-    auto lines = server.log_lines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 } // namespace
 
 TEST(FtpControl, GreetingTitleAndCloseLines) {
-    TestServer server;
+    TestServerConfig config;
+    config.maxusers = 2;
+    TestServer server(config);
     {
         FtpClient c;
         EXPECT_EQ(c.open(server.ftp_port()), kGreeting);
-        int sock = last_socket(server);
+        int sock = last_ftp_socket(server);
         EXPECT_TRUE(
             wait_until([&] { return server.server().title() == "Orvane Server - 1 Users"; }));
         c.close();
         EXPECT_TRUE(server.wait_for_log("FTP Close port " + std::to_string(sock)));
-        EXPECT_EQ(server.server().title(), "Orvane Server - 0 Users");
+        EXPECT_TRUE(
+            wait_until([&] { return server.server().title() == "Orvane Server - 0 Users"; }));
     }
-    FtpClient c;
-    c.open(server.ftp_port());
-    int sock = last_socket(server);
-    c.send("QUIT\r\n");
-    EXPECT_EQ(c.read_until("221 Connection closed.\r\n"), kGoodbye);
-    EXPECT_TRUE(c.wait_closed());
-    EXPECT_TRUE(server.wait_for_log("(" + std::to_string(sock) + ") FTP Close port"));
-}
-
-TEST(FtpControl, TitleShowsFullAndTheGreetingStillGoesOut) {
-    TestServerConfig config;
-    config.maxusers = 2;
-    TestServer server(config);
+    // A full server still greets.
     FtpClient a, b, c;
     a.open(server.ftp_port());
     b.open(server.ftp_port());
     EXPECT_TRUE(
         wait_until([&] { return server.server().title() == "Orvane Server - 2 Users (Full)"; }));
     EXPECT_EQ(c.open(server.ftp_port()), kGreeting);
+    int sock = last_ftp_socket(server);
+    c.send("QUIT\r\n");
+    EXPECT_EQ(c.read_until("221 Connection closed.\r\n"), kGoodbye);
+    EXPECT_TRUE(c.wait_closed());
+    EXPECT_TRUE(server.wait_for_log("(" + std::to_string(sock) + ") FTP Close port"));
 }
 
 TEST(FtpControl, OneLinePerReadAndPartialLines) {
     TestServer server;
     FtpClient c;
     c.open(server.ftp_port());
-    int sock = last_socket(server);
+    int sock = last_ftp_socket(server);
     // Not logged in: a partial line is dispatched as an empty one.
     c.send("US");
-    EXPECT_EQ(c.line(), "500 Command not understood.\r\n");
+    EXPECT_EQ(c.line(), kNotUnderstood);
     EXPECT_TRUE(server.wait_for_log("(" + std::to_string(sock) + ") <nothing>"));
     // In state 3 a partial line waits; it completes with the next read.
     c.send("ER demo\r\n");
@@ -99,26 +72,33 @@ TEST(FtpControl, OneLinePerReadAndPartialLines) {
 
     // Two commands in one packet: only the first is answered until more bytes come.
     c.send("NOOP\r\nSYST\r\n");
-    EXPECT_EQ(c.line(), "502 Command not implemented.\r\n");
-    EXPECT_EQ(c.read_quiet(300ms), "");
+    EXPECT_EQ(c.line(), kNotImplemented);
+    EXPECT_EQ(c.read_quiet(), "");
     c.send("P");
-    EXPECT_EQ(c.line(), "502 Command not implemented.\r\n"); // SYST
+    EXPECT_EQ(c.line(), kNotImplemented); // SYST
     c.send("WD\r\n");
-    EXPECT_EQ(c.line(), "257 \"/\" is current directory.\r\n");
+    EXPECT_EQ(c.line(), kPwdRoot);
 }
 
-TEST(FtpControl, OverflowKicksTheSenderAndNotifiesTheNewestSession) {
+TEST(FtpControl, OverflowAndGarbageNeverBreakTheServer) {
     TestServer server;
     FtpClient offender, newest;
     offender.open(server.ftp_port());
-    int sock = last_socket(server);
+    int sock = last_ftp_socket(server);
     offender.login("demo", "demo-pass");
     newest.open(server.ftp_port());
+    newest.login("demo", "demo-pass");
+
+    // Telnet commands and NULs: what follows a NUL in one read is lost, line end included.
+    EXPECT_EQ(newest.cmd(std::string("\xff\xf4\xff\xfd\x06", 5)), kNotUnderstood);
+    newest.send(std::string("AB\0CD\r\n", 7));
+    EXPECT_EQ(newest.read_quiet(200ms), "");
+    EXPECT_EQ(newest.cmd(""), kNotUnderstood); // the line "AB"
 
     // 237 characters and the line end: 239 bytes fit.
     offender.send(std::string(237, 'x') + "\r\n");
-    EXPECT_EQ(offender.line(), "500 Command not understood.\r\n");
-    // 200 bytes buffered, then 40 more: kicked.
+    EXPECT_EQ(offender.line(), kNotUnderstood);
+    // 200 bytes buffered, then 40 more: kicked, and the newest session is told.
     offender.send(std::string(200, 'y'));
     EXPECT_EQ(offender.read_quiet(200ms), "");
     offender.send(std::string(40, 'y'));
@@ -126,22 +106,8 @@ TEST(FtpControl, OverflowKicksTheSenderAndNotifiesTheNewestSession) {
     EXPECT_TRUE(offender.wait_closed());
     EXPECT_EQ(newest.line(), "421-Command buffer overflow, Kicked off\r\n");
     EXPECT_TRUE(server.wait_for_log("FTP Close port " + std::to_string(sock)));
-    // The newest session carries on.
-    EXPECT_EQ(newest.cmd("NOOP"), "502 Command not implemented.\r\n");
-}
 
-TEST(FtpControl, BinaryGarbageNeverBreaksTheSession) {
-    TestServer server;
-    FtpClient c;
-    c.open(server.ftp_port());
-    c.login("demo", "demo-pass");
-    EXPECT_EQ(c.cmd(std::string("\xff\xf4\xff\xfd\x06", 5)), "500 Command not understood.\r\n");
-    // The buffer is text: what follows a NUL in one read is lost, line end included.
-    c.send(std::string("AB\0CD\r\n", 7));
-    EXPECT_EQ(c.read_quiet(200ms), "");
-    EXPECT_EQ(c.cmd(""), "500 Command not understood.\r\n"); // the line "AB"
-    EXPECT_EQ(c.cmd("PWD"), "257 \"/\" is current directory.\r\n");
-    // A flood without line ends ends in the overflow kick, never in a crash.
+    // Binary noise without line ends ends in the same kick.
     FtpClient flood;
     flood.open(server.ftp_port());
     std::string noise;
@@ -149,7 +115,7 @@ TEST(FtpControl, BinaryGarbageNeverBreaksTheSession) {
         noise += static_cast<char>(i % 251 + 1);
     flood.send(noise);
     EXPECT_TRUE(flood.wait_closed());
-    EXPECT_EQ(c.cmd("PWD"), "257 \"/\" is current directory.\r\n");
+    EXPECT_EQ(newest.cmd("PWD"), kPwdRoot);
 }
 
 TEST(FtpDispatch, VerbsAnswersAndDroppedLines) {
@@ -157,14 +123,11 @@ TEST(FtpDispatch, VerbsAnswersAndDroppedLines) {
     FtpClient c;
     c.open(server.ftp_port());
     c.login("demo", "demo-pass");
-    EXPECT_EQ(c.cmd("NOOP"), "502 Command not implemented.\r\n");
-    EXPECT_EQ(c.cmd("XCUP"), "502 Command not implemented.\r\n");
-    EXPECT_EQ(c.cmd("PASV"), "502 Command not implemented.\r\n");
-    EXPECT_EQ(c.cmd("HELP"), "502 Command not implemented.\r\n");
-    EXPECT_EQ(c.cmd("FEAT"), "500 Command not understood.\r\n");
-    EXPECT_EQ(c.cmd("ABCDEFGHIJKLMNOPQ"), "500 Command not understood.\r\n");
+    EXPECT_EQ(c.cmd("PASV"), kNotImplemented);
+    EXPECT_EQ(c.cmd("FEAT"), kNotUnderstood);
+    EXPECT_EQ(c.cmd("ABCDEFGHIJKLMNOPQ"), kNotUnderstood);
     EXPECT_EQ(c.cmd("cdup"), "250 CWD command successful\r\n");
-    EXPECT_EQ(c.cmd("xPwD"), "257 \"/\" is current directory.\r\n");
+    EXPECT_EQ(c.cmd("xPwD"), kPwdRoot);
 
     // While a STOR waits for its data, every line is dropped without a reply.
     DataListener data;
@@ -176,25 +139,19 @@ TEST(FtpDispatch, VerbsAnswersAndDroppedLines) {
     EXPECT_EQ(c.cmd("STOR held.txt"), "150 Opening ASCII mode data connection\r\n");
     ASSERT_TRUE(data.accept());
     c.send("NOOP\r\n");
-    EXPECT_EQ(c.read_quiet(300ms), "");
+    EXPECT_EQ(c.read_quiet(), "");
     data.send_and_close("abc");
     EXPECT_EQ(c.line(), "226 Transfer complete\r\n");
     EXPECT_EQ(c.read_quiet(200ms), "");
-    EXPECT_EQ(c.cmd("NOOP"), "502 Command not implemented.\r\n");
-}
+    EXPECT_EQ(c.cmd("NOOP"), kNotImplemented);
 
-TEST(FtpDispatch, AThreadThatCannotStartIsOnlyLogged) {
-    TestServer server;
-    FtpClient c;
-    c.open(server.ftp_port());
-    c.login("demo", "demo-pass");
+    // A command thread that cannot start is only logged; the session stays busy for good.
     server.server().workers.set_refuse_spawns(true);
     c.send("CDUP\r\n");
     EXPECT_TRUE(server.wait_for_log("**** Failed to create ftp in CWUP Thread ****"));
     server.server().workers.set_refuse_spawns(false);
-    // The session stays busy for good.
     c.send("PWD\r\n");
-    EXPECT_EQ(c.read_quiet(300ms), "");
+    EXPECT_EQ(c.read_quiet(), "");
 }
 
 TEST(FtpLogin, MessageCountsAndLogLines) {
@@ -203,15 +160,14 @@ TEST(FtpLogin, MessageCountsAndLogLines) {
     TestServer server(config);
     FtpClient c;
     c.open(server.ftp_port());
-    int sock = last_socket(server);
-    std::string s = std::to_string(sock);
+    std::string s = std::to_string(last_ftp_socket(server));
     EXPECT_EQ(c.cmd("user demo"), "331 User ok need Password.\r\n");
     c.send("pass demo-pass\r\n");
     EXPECT_EQ(c.read_until("user logged in.\r\n"),
               "230-Welcome\r\n230-to the server\r\n"
               "230- 1 out of 5 allowed connections in use.\r\n230 demo user logged in.\r\n");
     EXPECT_TRUE(server.wait_for_log("(" + s + ") Login Message thread complete"));
-    EXPECT_TRUE(logged(server, "(" + s + ") <password>"));
+    EXPECT_TRUE(server.logged("(" + s + ") <password>"));
     for (const std::string& l : server.log_lines())
         EXPECT_EQ(l.find("demo-pass"), std::string::npos) << l;
     EXPECT_EQ(active_logins(server, "demo"), 1);
@@ -229,15 +185,14 @@ TEST(FtpLogin, FailuresAlwaysEndTheConnection) {
     };
     const std::vector<Case> cases = {
         {{"USER demo", "PASS wrong"}, "Login failure for user (demo)"},
-        {{"USER nobody", "PASS x"}, "Login failure for unknown user"},
-        {{"PASS demo-pass"}, "Login failure for unknown user"},
         {{"USER Demo", "PASS demo-pass"}, "Login failure for unknown user"},
+        {{"PASS demo-pass"}, "Login failure for unknown user"},
         {{"USER telnetonly", "PASS tel-pass"}, "Login failure for user (telnetonly)"},
     };
     for (const Case& k : cases) {
         FtpClient c;
         c.open(server.ftp_port());
-        std::string s = std::to_string(last_socket(server));
+        std::string s = std::to_string(last_ftp_socket(server));
         std::string last;
         for (const std::string& l : k.lines)
             last = c.cmd(l);
@@ -266,9 +221,6 @@ TEST(FtpLogin, PerUserAndServerLimits) {
     EXPECT_EQ(second.read_until("550 Login incorrect\r\n"),
               "421- solo - max (1) connections in use.\r\n550 Login incorrect\r\n");
     EXPECT_TRUE(second.wait_closed());
-    EXPECT_TRUE(wait_until([&] { return server.server().conns.user_count() == 1; }));
-    EXPECT_EQ(active_logins(server, "solo"), 1);
-
     // A bare USER that goes away does not lower the count of the session that logged in.
     {
         FtpClient lurker;
@@ -301,7 +253,6 @@ TEST(FtpLogin, NothingPassesBeforeTheLoginCompletes) {
     EXPECT_EQ(c.cmd("USER admin"), "331 User ok need Password.\r\n");
     EXPECT_EQ(c.cmd("CWD /"), "550 /; No such file or directory\r\n");
     EXPECT_EQ(c.cmd("CWD /secret"), "550 /secret; No such file or directory\r\n");
-    EXPECT_EQ(c.cmd("CWD /nothing"), "550 /nothing; No such file or directory\r\n");
     EXPECT_EQ(c.download("LIST").preliminary, "550 Permission denied\r\n");
     EXPECT_EQ(c.download("RETR readme.txt").preliminary, "550 No such file or directory\r\n");
     EXPECT_EQ(c.download("STOR new.txt").preliminary, "550 No such file or directory\r\n");
@@ -316,7 +267,6 @@ TEST(FtpLogin, NothingPassesBeforeTheLoginCompletes) {
     d.open(server.ftp_port());
     d.login("demo", "demo-pass");
     EXPECT_EQ(d.cmd("CWD /secret"), "250 CWD command successful\r\n");
-    EXPECT_EQ(active_logins(server, "demo"), 1);
     EXPECT_EQ(d.cmd("USER admin"), "331 User ok need Password.\r\n");
     EXPECT_EQ(active_logins(server, "demo"), 0);
     EXPECT_EQ(d.cmd("CWD /"), "550 /; No such file or directory\r\n");

@@ -46,22 +46,24 @@ bool DataListener::accept(std::chrono::milliseconds limit) {
     return conn_ >= 0;
 }
 
-std::optional<std::string> DataListener::read_all(std::chrono::milliseconds limit) {
+std::optional<std::string> DataListener::read(size_t limit, std::chrono::milliseconds wait) {
     std::string out;
-    auto deadline = std::chrono::steady_clock::now() + limit;
+    auto deadline = std::chrono::steady_clock::now() + wait;
     char buf[65536];
-    for (;;) {
+    while (limit == 0 || out.size() < limit) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                         deadline - std::chrono::steady_clock::now())
                         .count();
         pollfd p{conn_, POLLIN, 0};
         if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0)
             return std::nullopt;
-        ssize_t n = ::recv(conn_, buf, sizeof buf, 0);
+        size_t want = limit ? std::min(sizeof buf, limit - out.size()) : sizeof buf;
+        ssize_t n = ::recv(conn_, buf, want, 0);
         if (n <= 0)
-            return out;
+            break;
         out.append(buf, static_cast<size_t>(n));
     }
+    return out;
 }
 
 bool DataListener::send_and_close(std::string_view bytes) {
@@ -69,6 +71,14 @@ bool DataListener::send_and_close(std::string_view bytes) {
     close_fd(conn_);
     conn_ = -1;
     return ok;
+}
+
+int last_ftp_socket(const TestServer& server) {
+    int socket = -1;
+    for (const std::string& l : server.log_lines())
+        if (l.rfind("FTP Connect from 127.0.0.1 port ", 0) == 0)
+            socket = std::stoi(l.substr(32));
+    return socket;
 }
 
 std::string FtpClient::open(int port) {
@@ -84,7 +94,6 @@ std::string FtpClient::cmd(std::string_view command) {
 std::string FtpClient::login(std::string_view name, std::string_view password) {
     std::string out = cmd("USER " + std::string(name));
     send("PASS " + std::string(password) + "\r\n");
-    // The last line of the login message is the first "230 " line.
     for (int i = 0; i < 100; ++i) {
         std::string l = line();
         out += l;
@@ -106,7 +115,7 @@ FtpClient::Transfer FtpClient::transfer(std::string_view command, const std::str
         if (upload_bytes)
             data.send_and_close(*upload_bytes);
         else
-            t.data = data.read_all(wait * 4).value_or("<time-out>");
+            t.data = data.read(0, wait * 4).value_or("<time-out>");
     }
     t.final_reply = line();
     return t;

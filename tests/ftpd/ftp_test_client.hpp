@@ -19,12 +19,12 @@ class DataListener {
     // "h1,h2,h3,h4,p1,p2" for PORT.
     std::string port_arg() const;
     // Accepts the server's connection; false when none came within the limit.
-    bool accept(std::chrono::milliseconds limit = std::chrono::seconds(5));
-    // After accept(): everything until the server closes (nullopt on time-out).
-    std::optional<std::string> read_all(std::chrono::milliseconds limit = std::chrono::seconds(20));
+    bool accept(std::chrono::milliseconds limit = 5s);
+    // After accept(): up to `limit` bytes, or everything until the server closes when 0
+    // (nullopt on time-out).
+    std::optional<std::string> read(size_t limit = 0, std::chrono::milliseconds wait = 20s);
     // After accept(): sends the bytes and closes the connection.
     bool send_and_close(std::string_view bytes);
-    int connection() const { return conn_; }
     // The server's port of the accepted connection.
     int server_port() const { return server_port_; }
 
@@ -36,13 +36,16 @@ class DataListener {
     int server_port_ = 0;
 };
 
+// The control socket number the server logs for a client: the newest "FTP Connect" line.
+int last_ftp_socket(const TestServer& server);
+
 class FtpClient : public TestClient {
   public:
     FtpClient() = default;
     explicit FtpClient(int port) { connect(port); }
 
     // How long a reply or a data connection may take.
-    std::chrono::milliseconds wait = std::chrono::seconds(5);
+    std::chrono::milliseconds wait = 5s;
 
     // Connects and reads the 220 greeting.
     std::string open(int port);
@@ -50,7 +53,7 @@ class FtpClient : public TestClient {
     std::string line() { return read_until("\r\n", wait); }
     // Sends the command and returns the next reply line.
     std::string cmd(std::string_view command);
-    // USER + PASS; returns everything up to and including the final 230 line.
+    // USER + PASS; returns everything up to and including the final 230 (or 550) line.
     std::string login(std::string_view name, std::string_view password);
     // A whole command with a data connection: PORT, the command, the data, the final reply.
     struct Transfer {

@@ -1,6 +1,5 @@
 #include "support/process.hpp"
 
-#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
@@ -8,17 +7,6 @@
 #include <unistd.h>
 
 namespace orv::test {
-namespace {
-
-std::vector<char*> to_argv(std::vector<std::string>& v) {
-    std::vector<char*> out;
-    for (std::string& s : v)
-        out.push_back(s.data());
-    out.push_back(nullptr);
-    return out;
-}
-
-} // namespace
 
 ServerProcess::ServerProcess(const std::string& binary, const std::vector<std::string>& args,
                              bool merge_stderr) {
@@ -34,7 +22,10 @@ ServerProcess::ServerProcess(const std::string& binary, const std::vector<std::s
             ::dup2(fds[1], 2);
         ::unsetenv("DISPLAY");
         ::unsetenv("WAYLAND_DISPLAY");
-        std::vector<char*> argv = to_argv(all);
+        std::vector<char*> argv;
+        for (std::string& s : all)
+            argv.push_back(s.data());
+        argv.push_back(nullptr);
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }
@@ -53,25 +44,19 @@ ServerProcess::~ServerProcess() {
 
 bool ServerProcess::read_more(int timeout_ms) {
     pollfd p{out_fd_, POLLIN, 0};
-    if (::poll(&p, 1, timeout_ms) <= 0)
-        return false;
     char buf[4096];
-    ssize_t n = ::read(out_fd_, buf, sizeof buf);
+    ssize_t n = ::poll(&p, 1, timeout_ms) > 0 ? ::read(out_fd_, buf, sizeof buf) : 0;
     if (n <= 0)
         return false;
     partial_.append(buf, static_cast<size_t>(n));
-    size_t nl;
-    while ((nl = partial_.find('\n')) != std::string::npos) {
+    for (size_t nl; (nl = partial_.find('\n')) != std::string::npos; partial_.erase(0, nl + 1))
         lines_.push_back(partial_.substr(0, nl));
-        partial_.erase(0, nl + 1);
-    }
     return true;
 }
 
 bool ServerProcess::wait_for_line(const std::string& line, std::chrono::milliseconds limit) {
     auto deadline = std::chrono::steady_clock::now() + limit;
-    size_t checked = 0;
-    while (true) {
+    for (size_t checked = 0;;) {
         for (; checked < lines_.size(); ++checked)
             if (lines_[checked] == line)
                 return true;
@@ -91,10 +76,10 @@ int ServerProcess::wait_exit(std::chrono::milliseconds limit) {
     auto deadline = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < deadline) {
         int status = 0;
-        pid_t r = ::waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) {
+        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
             exited_ = true;
-            drain();
+            while (read_more(50)) {
+            }
             return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         }
         read_more(20);
@@ -102,13 +87,8 @@ int ServerProcess::wait_exit(std::chrono::milliseconds limit) {
     return -1;
 }
 
-void ServerProcess::drain() {
-    while (read_more(50)) {
-    }
-}
-
-int run_command(const std::vector<std::string>& argv_in, std::string& output) {
-    ServerProcess p(argv_in.front(), {argv_in.begin() + 1, argv_in.end()}, true);
+int run_command(const std::vector<std::string>& argv, std::string& output) {
+    ServerProcess p(argv.front(), {argv.begin() + 1, argv.end()}, true);
     int status = p.wait_exit(std::chrono::seconds(30));
     output.clear();
     for (const std::string& l : p.lines())

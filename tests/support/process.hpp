@@ -1,5 +1,5 @@
 #pragma once
-// Runs the built server binary as a child process with its standard output on a pipe.
+// Runs the built server binary as a child process with its output on a pipe.
 #include <chrono>
 #include <string>
 #include <vector>
@@ -21,11 +21,8 @@ class ServerProcess {
     // Every line read so far (without the "\n").
     const std::vector<std::string>& lines() const { return lines_; }
     void signal(int sig);
-    // Waits for the exit; returns the exit status, or -1 on time-out / abnormal end.
+    // Waits for the exit and reads the rest of the output; the exit status, or -1.
     int wait_exit(std::chrono::milliseconds limit = std::chrono::seconds(10));
-    // Reads the rest of the output (after the exit).
-    void drain();
-    int pid() const { return pid_; }
 
   private:
     bool read_more(int timeout_ms);

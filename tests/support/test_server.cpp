@@ -4,7 +4,6 @@
 #include "platform/net.hpp"
 
 #include <arpa/inet.h>
-#include <asio.hpp>
 #include <future>
 #include <netinet/in.h>
 #include <poll.h>
@@ -25,6 +24,16 @@ int free_port() {
     return ntohs(sa.sin_port);
 }
 
+bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    auto until = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
 TestServer::TestServer(TestServerConfig config, const std::function<void(TempDir&)>& prepare) {
     ftp_port_ = free_port();
     telnet_port_ = free_port();
@@ -42,12 +51,11 @@ TestServer::TestServer(TestServerConfig config, const std::function<void(TempDir
                  std::to_string(a.max_logins) + ":" + std::to_string(a.rights) + ":" + a.home +
                  "\n";
     dir_.write("users", users);
-    if (!config.groups.empty())
-        dir_.write("groups", config.groups);
-    if (!config.fpl.empty())
-        dir_.write("fpl.txt", config.fpl);
-    if (!config.motd.empty())
-        dir_.write("motd.txt", config.motd);
+    for (auto [file, text] : {std::pair{"groups", &config.groups},
+                              {"fpl.txt", &config.fpl},
+                              {"motd.txt", &config.motd}})
+        if (!text->empty())
+            dir_.write(file, *text);
     if (prepare)
         prepare(dir_);
     app_ = std::make_unique<ServerApp>(dir_.path(), [this](std::string_view line) {
@@ -78,6 +86,16 @@ std::vector<std::string> TestServer::log_lines() const {
     return log_;
 }
 
+std::vector<std::string> TestServer::log_since(size_t mark) const {
+    std::lock_guard lock(log_mutex_);
+    return {log_.begin() + static_cast<long>(std::min(mark, log_.size())), log_.end()};
+}
+
+bool TestServer::logged(const std::string& line) const {
+    std::lock_guard lock(log_mutex_);
+    return std::find(log_.begin(), log_.end(), line) != log_.end();
+}
+
 bool TestServer::wait_for_log(const std::string& line, std::chrono::milliseconds limit) const {
     std::unique_lock lock(log_mutex_);
     return log_cv_.wait_for(
@@ -93,74 +111,54 @@ void TestServer::on_event_thread(const std::function<void()>& fn) {
     done.get_future().wait();
 }
 
-TestClient::~TestClient() {
-    close();
-}
-
 bool TestClient::connect(int port) {
     close();
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    uint32_t addr = htonl(INADDR_LOOPBACK);
-    return connect_ipv4(fd_, addr, port, 5000) == 0;
+    return connect_ipv4(fd_, htonl(INADDR_LOOPBACK), port, 5000) == 0;
 }
 
 bool TestClient::send(std::string_view bytes) {
     return send_all(fd_, bytes.data(), bytes.size(), nullptr, 5000);
 }
 
-static bool read_some(int fd, std::string& into, int timeout_ms, bool& closed) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, timeout_ms) <= 0)
-        return false;
-    char buf[65536];
-    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-    if (n <= 0) {
-        closed = true;
-        return false;
+void TestClient::fill(const std::function<bool()>& enough, std::chrono::milliseconds limit) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!closed_ && !enough()) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        pollfd p{fd_, POLLIN, 0};
+        if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0)
+            return;
+        char buf[65536];
+        ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+        if (n <= 0)
+            closed_ = true;
+        else
+            pending_.append(buf, static_cast<size_t>(n));
     }
-    into.append(buf, static_cast<size_t>(n));
-    return true;
 }
 
 std::string TestClient::read_until(std::string_view text, std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    bool closed = false;
-    while (pending_.find(text) == std::string::npos && !closed) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            break;
-        read_some(fd_, pending_, static_cast<int>(left.count()), closed);
-    }
+    fill([&] { return pending_.find(text) != std::string::npos; }, limit);
     size_t at = pending_.find(text);
-    std::string out;
-    if (at == std::string::npos) {
-        out.swap(pending_);
-    } else {
-        out = pending_.substr(0, at + text.size());
-        pending_.erase(0, at + text.size());
-    }
+    size_t n = at == std::string::npos ? pending_.size() : at + text.size();
+    std::string out = pending_.substr(0, n);
+    pending_.erase(0, n);
     return out;
 }
 
 std::string TestClient::read_exact(size_t n, std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    bool closed = false;
-    while (pending_.size() < n && !closed) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            break;
-        read_some(fd_, pending_, static_cast<int>(left.count()), closed);
-    }
+    fill([&] { return pending_.size() >= n; }, limit);
     std::string out = pending_.substr(0, std::min(n, pending_.size()));
     pending_.erase(0, out.size());
     return out;
 }
 
 std::string TestClient::read_quiet(std::chrono::milliseconds quiet) {
-    bool closed = false;
-    while (!closed && read_some(fd_, pending_, static_cast<int>(quiet.count()), closed)) {
+    for (size_t before = SIZE_MAX; before != pending_.size() && !closed_;) {
+        before = pending_.size();
+        fill([&] { return pending_.size() != before; }, quiet);
     }
     std::string out;
     out.swap(pending_);
@@ -168,24 +166,15 @@ std::string TestClient::read_quiet(std::chrono::milliseconds quiet) {
 }
 
 bool TestClient::wait_closed(std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    bool closed = false;
-    while (!closed) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return false;
-        std::string sink;
-        read_some(fd_, sink, static_cast<int>(left.count()), closed);
-        pending_ += sink;
-    }
-    return true;
+    fill([] { return false; }, limit);
+    return closed_;
 }
 
 void TestClient::close() {
     if (fd_ >= 0)
         ::close(fd_);
     fd_ = -1;
+    closed_ = false;
     pending_.clear();
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 // An in-process server for protocol tests: a temporary start directory with settings.ini on
 // free loopback ports, a `home/` server home, accounts, and the event loop on a thread of its
-// own. Every log line is kept for inspection.
+// own. Every log line is kept for inspection. Also a blocking loopback client with time-outs.
 #include "app/server_app.hpp"
 #include "support/temp_dir.hpp"
 
@@ -13,6 +13,8 @@
 #include <vector>
 
 namespace orv::test {
+
+using namespace std::chrono_literals;
 
 struct TestAccount {
     std::string name;
@@ -37,6 +39,9 @@ struct TestServerConfig {
 // A free TCP port on 127.0.0.1 (bound and released; good enough for tests).
 int free_port();
 
+// Polls `done` until it holds or the limit passes.
+bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s);
+
 class TestServer {
   public:
     // `prepare` may add files to dir() (for example under "home/") before the server starts.
@@ -52,9 +57,11 @@ class TestServer {
     int telnet_port() const { return telnet_port_; }
 
     std::vector<std::string> log_lines() const;
+    // The lines logged from `mark` (an earlier log_lines().size()) on.
+    std::vector<std::string> log_since(size_t mark) const;
+    bool logged(const std::string& line) const;
     // Waits until a line equal to `line` has been logged (counting from the start).
-    bool wait_for_log(const std::string& line,
-                      std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
+    bool wait_for_log(const std::string& line, std::chrono::milliseconds limit = 5s) const;
     // Runs `fn` on the event thread and waits for it.
     void on_event_thread(const std::function<void()>& fn);
     // Stops the loop and runs the orderly shutdown (the destructor does it too).
@@ -77,7 +84,7 @@ class TestClient {
   public:
     TestClient() = default;
     explicit TestClient(int port) { connect(port); }
-    ~TestClient();
+    ~TestClient() { close(); }
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;
 
@@ -85,19 +92,21 @@ class TestClient {
     bool send(std::string_view bytes);
     // Reads until `text` has arrived; returns everything read (including it) or, on time-out,
     // what had arrived (so a failed expectation shows it).
-    std::string read_until(std::string_view text,
-                           std::chrono::milliseconds limit = std::chrono::seconds(5));
+    std::string read_until(std::string_view text, std::chrono::milliseconds limit = 5s);
     // Reads exactly n bytes (or what arrived before the time-out).
-    std::string read_exact(size_t n, std::chrono::milliseconds limit = std::chrono::seconds(5));
+    std::string read_exact(size_t n, std::chrono::milliseconds limit = 5s);
     // Reads whatever arrives until the connection is quiet for `quiet`.
-    std::string read_quiet(std::chrono::milliseconds quiet = std::chrono::milliseconds(300));
-    // True when the server closed the connection within the limit (data before it is dropped).
-    bool wait_closed(std::chrono::milliseconds limit = std::chrono::seconds(5));
+    std::string read_quiet(std::chrono::milliseconds quiet = 300ms);
+    // True when the server closed the connection within the limit.
+    bool wait_closed(std::chrono::milliseconds limit = 5s);
     void close();
     int fd() const { return fd_; }
 
   private:
+    // Reads into pending_ until `enough` holds, the peer closes or the limit passes.
+    void fill(const std::function<bool()>& enough, std::chrono::milliseconds limit);
     int fd_ = -1;
+    bool closed_ = false;
     std::string pending_;
 };
 

@@ -1,10 +1,9 @@
-// Byte handling of Telnet input, line taking, command look-up, chmod modes and the listing and
-// who lines, fed without sockets.
+// Byte handling of Telnet input, line taking, command look-up and the listing and who lines,
+// fed without sockets.
 #include "accounts/group.hpp"
 #include "accounts/user.hpp"
 #include "telnetd/shell_dispatch.hpp"
 #include "telnetd/shell_listing.hpp"
-#include "telnetd/shell_ownership.hpp"
 #include "telnetd/telnet_input.hpp"
 #include "vfs/node.hpp"
 
@@ -20,154 +19,67 @@ std::string bytes(std::initializer_list<int> values) {
     return s;
 }
 
-TEST(TelnetInput, EchoesAndStoresOrdinaryCharacters) {
-    std::string line;
-    InputResult r = feed_ordinary(line, "ls -l", kStateShell);
-    EXPECT_EQ(line, "ls -l");
-    EXPECT_EQ(r.reply, "ls -l");
-    r = feed_ordinary(line, "\r", kStateShell);
-    EXPECT_EQ(r.reply, "\r");
-    EXPECT_EQ(line, "ls -l\r");
-}
-
-TEST(TelnetInput, PasswordStatesDoNotEchoButLineEndsAre) {
-    for (uint8_t state : {uint8_t{kStatePassword}, uint8_t{kStateOftpPassword}}) {
-        std::string line;
-        InputResult r = feed_ordinary(line, "secret\r\n", state);
-        EXPECT_EQ(line, "secret\r\n");
-        EXPECT_EQ(r.reply, "\r\n");
-        r = feed_ordinary(line, "\b", state);
-        EXPECT_EQ(r.reply, "");
-        EXPECT_EQ(line, "secret\r");
-    }
-}
-
-TEST(TelnetInput, BackspaceAndDeleteEditTheLine) {
-    std::string line;
-    InputResult r = feed_ordinary(line, bytes({'a', 'b', 8, 'c', 127, 127, 127}), kStateShell);
-    EXPECT_EQ(line, "");
-    EXPECT_EQ(r.reply, "ab\b \bc\b \b\b \b");
-}
-
-TEST(TelnetInput, EscapeIsShownNotStored) {
-    std::string line;
-    InputResult r = feed_ordinary(line, bytes({27, 'x'}), kStateShell);
-    EXPECT_EQ(r.reply, "^[x");
-    EXPECT_EQ(line, "x");
-}
-
-TEST(TelnetInput, OrdinaryBytesStopAt240LineEndsAt242) {
-    std::string line;
-    feed_ordinary(line, std::string(250, 'a'), kStateShell);
-    EXPECT_EQ(line.size(), 240u);
-    InputResult r = feed_ordinary(line, "\r\n\r", kStateShell);
-    EXPECT_EQ(line.size(), 242u);
-    EXPECT_EQ(r.reply, "\r\n");
-    r = feed_ordinary(line, "z", kStateShell);
-    EXPECT_EQ(r.reply, "");
-    EXPECT_EQ(line.size(), 242u);
-}
-
-TEST(TelnetInput, HighAndControlBytesAreOrdinaryNulIsNotStored) {
-    std::string line;
-    feed_ordinary(line, bytes({1, 2, 128, 254, 0, 'x'}), kStateShell);
-    EXPECT_EQ(line, bytes({1, 2, 128, 254, 'x'}));
-}
-
-TEST(TelnetInput, CtrlCInterruptsOnlyARunningCommand) {
-    std::string line = "typed";
-    InputResult r = feed_ordinary(line, bytes({'a', 3, 'b'}), kStateCommand);
-    EXPECT_TRUE(r.interrupted);
-    EXPECT_EQ(line, "");
-    EXPECT_EQ(r.reply, "a");
-    line.clear();
-    r = feed_ordinary(line, bytes({'a', 3, 'b'}), kStateShell);
-    EXPECT_FALSE(r.interrupted);
-    EXPECT_EQ(line, "ab");
-}
-
-TEST(TelnetInput, OptionRepliesAreThreeBytesEach) {
+TEST(TelnetInput, OrdinaryStatesEchoEditAndStore) {
     struct Case {
-        int command, option;
-        std::string reply;
+        std::string in;
+        uint8_t state;
+        std::string line, reply;
+        bool interrupted = false;
     };
     const Case cases[] = {
-        {251, 24, bytes({255, 254, 24})},
-        {251, 31, bytes({255, 254, 31})},
-        {251, 32, bytes({255, 254, 32})},
-        {251, 33, bytes({255, 254, 33})},
-        {251, 34, bytes({255, 254, 34})},
-        {251, 39, bytes({255, 254, 39})},
-        {253, 3, bytes({255, 251, 3})},
-        {253, 5, bytes({255, 251, 5})},
-        {253, 1, ""},
-        {251, 1, ""},
-        {252, 24, ""},
-        {254, 3, ""},
-        {250, 24, ""},
-        {253, 24, ""},
+        {"ls -l\r", kStateShell, "ls -l\r", "ls -l\r"},
+        // Passwords are not echoed, but their line ends are; backspace is not shown.
+        {"secret\r\n\b", kStatePassword, "secret\r", "\r\n"},
+        {"pw\r\n", kStateOftpPassword, "pw\r\n", "\r\n"},
+        {bytes({'a', 'b', 8, 'c', 127, 127, 127}), kStateShell, "", "ab\b \bc\b \b\b \b"},
+        {bytes({27, 'x'}), kStateShell, "x", "^[x"}, // escape is shown, not stored
+        // High and control bytes are ordinary; NUL is echoed but not stored.
+        {bytes({1, 2, 128, 254, 0, 'x'}), kStateShell, bytes({1, 2, 128, 254, 'x'}),
+         bytes({1, 2, 128, 254, 0, 'x'})},
+        // Ctrl-C (or IAC IP) interrupts only a running command, and drops the typed line.
+        {bytes({'a', 3, 'b'}), kStateCommand, "", "a", true},
+        {bytes({'a', 3, 'b'}), kStateShell, "ab", "ab"},
+        {bytes({255, 244, 255, 253, 6}), kStateCommand, "", "", true},
+        // IAC takes exactly three bytes: IAC SB 24, then "Q" is typed, then IAC SE k.
+        {bytes({255, 250, 24, 'Q', 255, 240, 'k'}), kStateShell, "Q", "Q"},
+        {bytes({'a', 255, 251}), kStateShell, "a", "a"}, // cut by the end of the read
     };
     for (const Case& c : cases) {
-        std::string line;
-        InputResult r = feed_ordinary(line, bytes({255, c.command, c.option}), kStateShell);
-        EXPECT_EQ(r.reply, c.reply) << c.command << " " << c.option;
-        EXPECT_EQ(line, "");
+        std::string line = c.state == kStateCommand ? "typed" : "";
+        InputResult r = feed_ordinary(line, c.in, c.state);
+        EXPECT_EQ(line, c.line) << testing::PrintToString(c.in);
+        EXPECT_EQ(r.reply, c.reply) << testing::PrintToString(c.in);
+        EXPECT_EQ(r.interrupted, c.interrupted) << testing::PrintToString(c.in);
     }
 }
 
-TEST(TelnetInput, IacConsumesExactlyThreeBytesAndSubnegotiationLeaksAsText) {
-    std::string line;
-    // IAC SB 24 Q IAC SE k: the SB takes three bytes, "Q" is typed, IAC SE k takes three.
-    InputResult r = feed_ordinary(line, bytes({255, 250, 24, 'Q', 255, 240, 'k'}), kStateShell);
-    EXPECT_EQ(line, "Q");
-    EXPECT_EQ(r.reply, "Q");
-    line.clear();
-    r = feed_ordinary(line, bytes({'a', 255, 251}), kStateShell); // cut by the end of the read
-    EXPECT_EQ(line, "a");
-}
-
-TEST(TelnetInput, QuestionStateStoresOnlyYesNoAndLineEnds) {
+TEST(TelnetInput, QuestionMorePageAndTransferStates) {
     std::string line;
     InputResult r = feed_question(line, bytes({'x', 'Y', 255, 'n', 3, '\r'}));
     EXPECT_EQ(line, "Yn\r");
     EXPECT_EQ(r.reply, "Yn\r");
-}
 
-TEST(TelnetInput, MorePageStoresKeysWithoutEcho) {
-    std::string line;
-    InputResult r = feed_more_key(line, bytes({'x', ' ', '\n', '\r', 'q', 3}));
+    // The pager stores its keys without echo; Ctrl-C becomes "Q".
+    line.clear();
+    r = feed_more_key(line, bytes({'x', ' ', '\n', '\r', 'q', 3}));
     EXPECT_TRUE(r.key_taken);
     EXPECT_EQ(r.reply, "");
     EXPECT_EQ(line, " \nqQ");
     EXPECT_EQ(take_key(line), ' ');
     EXPECT_EQ(line, "\nqQ");
-    r = feed_more_key(line, "abc");
-    EXPECT_FALSE(r.key_taken);
-}
+    EXPECT_FALSE(feed_more_key(line, "abc").key_taken);
+    // A line-mode key counts once, Enter alone is a key, IAC IP is Ctrl-C.
+    for (auto [in, stored] : {std::pair{std::string(" \r\n"), std::string(" ")},
+                              {"\r\n", "\n"},
+                              {bytes({255, 244, 255, 253, 6}), "Q"}}) {
+        line.clear();
+        feed_more_key(line, in);
+        EXPECT_EQ(line, stored);
+    }
 
-TEST(TelnetInput, MorePageTakesALineModeKeyOnceAndEnterAsAKey) {
-    std::string line;
-    feed_more_key(line, " \r\n");
-    EXPECT_EQ(line, " ");
+    // A transfer takes IAC as text; Ctrl-C aborts it.
     line.clear();
-    feed_more_key(line, "\r\n");
-    EXPECT_EQ(line, "\n");
-    line.clear();
-    feed_more_key(line, bytes({255, 244, 255, 253, 6}));
-    EXPECT_EQ(line, "Q");
-}
-
-TEST(TelnetInput, InterruptProcessActsAsCtrlCInACommand) {
-    std::string line = "typed";
-    InputResult r = feed_ordinary(line, bytes({255, 244, 255, 253, 6}), kStateCommand);
-    EXPECT_TRUE(r.interrupted);
-    EXPECT_EQ(line, "");
-    EXPECT_EQ(r.reply, "");
-}
-
-TEST(TelnetInput, TransferStateTreatsIacAsTextAndCtrlCAborts) {
-    std::string line;
-    InputResult r = feed_transfer(line, bytes({'a', 255, 251, 24}));
+    feed_transfer(line, bytes({'a', 255, 251, 24}));
     EXPECT_EQ(line, bytes({'a', 255, 251, 24}));
     r = feed_transfer(line, bytes({'b', 3, 'c'}));
     EXPECT_TRUE(r.interrupted);
@@ -176,10 +88,10 @@ TEST(TelnetInput, TransferStateTreatsIacAsTextAndCtrlCAborts) {
 
 TEST(TelnetLine, CrLfAndCrAloneCompleteLfAloneDoesNot) {
     bool send_lf = false;
-    std::string buf = "ls\r\npwd\r\n";
-    EXPECT_EQ(take_line(buf, send_lf), "ls");
+    std::string buf = "a\rb\r\nc"; // a CR LF anywhere wins over an earlier CR
+    EXPECT_EQ(take_line(buf, send_lf), "a\rb");
     EXPECT_FALSE(send_lf);
-    EXPECT_EQ(buf, "pwd\r\n");
+    EXPECT_EQ(buf, "c");
 
     buf = "cd x\rmore";
     EXPECT_EQ(take_line(buf, send_lf), "cd x");
@@ -188,102 +100,87 @@ TEST(TelnetLine, CrLfAndCrAloneCompleteLfAloneDoesNot) {
 
     buf = "who\n";
     EXPECT_EQ(take_line(buf, send_lf), std::nullopt);
-    EXPECT_EQ(buf, "who\n");
     buf += "\r";
     EXPECT_EQ(take_line(buf, send_lf), "who\n");
-    EXPECT_TRUE(send_lf);
 }
 
-TEST(TelnetLine, CrLfAnywhereWinsOverAnEarlierCr) {
-    bool send_lf = false;
-    std::string buf = "a\rb\r\nc";
-    EXPECT_EQ(take_line(buf, send_lf), "a\rb");
-    EXPECT_FALSE(send_lf);
-    EXPECT_EQ(buf, "c");
+TEST(ShellLookup, ExactNamesTrimmedArgumentsAndTheLengthRule) {
+    struct Case {
+        const char* in;
+        int index;
+        const char* rest;
+    };
+    const Case cases[] = {
+        {"ls   -l   ", 14, "-l"},
+        {"telnet", 20, ""},
+        {"Help me", -1, "Help"},
+        {" ls", -1, ""},
+        {"ls\t-l", -1, "ls\t-l"},
+        {"abcdefghijklmno rest", -1, "abcdefghijklmno"}, // 15 characters is looked up
+        {"abcdefghijklmnop rest", -1, "abcdefghijklmnop rest"},
+    };
+    for (const Case& c : cases) {
+        std::string line = c.in;
+        EXPECT_EQ(find_shell_command(line), c.index) << c.in;
+        EXPECT_EQ(line, c.rest) << c.in;
+    }
 }
 
-TEST(ShellLookup, FindsExactNamesAndTrimsTheArgument) {
-    std::string line = "ls   -l   ";
-    EXPECT_EQ(find_shell_command(line), 14);
-    EXPECT_EQ(line, "-l");
-    line = "ls -l";
-    EXPECT_EQ(find_shell_command(line), 14);
-    EXPECT_EQ(line, "-l");
-    line = "telnet";
-    EXPECT_EQ(find_shell_command(line), 20);
-    EXPECT_EQ(line, "");
-    line = "?";
-    EXPECT_EQ(find_shell_command(line), 16);
-}
-
-TEST(ShellLookup, CaseTabsLeadingBlanksAndLongWordsAreNotCommands) {
-    std::string line = "Help me";
-    EXPECT_EQ(find_shell_command(line), -1);
-    EXPECT_EQ(line, "Help");
-    line = "ls\t-l";
-    EXPECT_EQ(find_shell_command(line), -1);
-    line = " ls";
-    EXPECT_EQ(find_shell_command(line), -1);
-    EXPECT_EQ(line, "");
-    line = "abcdefghijklmnop rest";
-    EXPECT_EQ(find_shell_command(line), -1);
-    EXPECT_EQ(line, "abcdefghijklmnop rest");
-    line = "abcdefghijklmno rest"; // 15 characters is looked up
-    EXPECT_EQ(find_shell_command(line), -1);
-    EXPECT_EQ(line, "abcdefghijklmno");
-}
-
-TEST(ChmodMode, OctalDigitsReplaceAllNineFlags) {
-    ModeParse m = parse_chmod_mode("754");
-    ASSERT_EQ(m.kind, ModeParse::Ok);
-    EXPECT_EQ(m.flags, (std::array<uint8_t, 9>{1, 1, 1, 1, 0, 1, 1, 0, 0}));
-    m = parse_chmod_mode("7");
-    EXPECT_EQ(m.flags, (std::array<uint8_t, 9>{0, 0, 0, 0, 0, 0, 1, 1, 1}));
-    m = parse_chmod_mode("55");
-    EXPECT_EQ(m.flags, (std::array<uint8_t, 9>{0, 0, 0, 1, 0, 1, 1, 0, 1}));
-}
-
-TEST(ChmodMode, SymbolicInvalidAndIgnoredModes) {
-    EXPECT_EQ(parse_chmod_mode("0755").kind, ModeParse::Invalid);
-    EXPECT_EQ(parse_chmod_mode("u+x").kind, ModeParse::Symbolic);
-    EXPECT_EQ(parse_chmod_mode("a=rwx").kind, ModeParse::Symbolic);
-    EXPECT_EQ(parse_chmod_mode("8").kind, ModeParse::Ignored);
-    EXPECT_EQ(parse_chmod_mode("7z").kind, ModeParse::Ignored);
-}
-
-TEST(ShellListingLine, FormatsKindModeOwnerGroupSizeAndName) {
+TEST(ShellLines, ListingAndWhoEdgeCases) {
     auto owner = std::make_shared<User>();
     owner->name = "averylongname";
-    auto group = std::make_shared<Group>();
-    group->name = "staff";
     VfsNode node;
-    node.kind = '-';
-    node.size = 1234;
-    node.owner = owner;
-    node.group = group;
-    node.flags = {1, 1, 0, 1, 0, 0, 1, 0, 0};
-    EXPECT_EQ(listing_line(node, "notes.txt", false),
-              "-rw-r--r--     averylon staff          1234 notes.txt\r\n");
-    node.group.reset();
     node.kind = 'd';
-    node.flags = {1, 1, 1, 1, 0, 1, 1, 0, 1};
-    EXPECT_EQ(listing_line(node, ".", true), "drwxr-xr-x     averylon <none>            0 .\r\n");
-    node.size = 4000000000u;
+    node.size = 4000000000u; // unsigned here, unlike the FTP listing
+    node.owner = owner;
+    node.flags = {2, 1, 1, 1, 0, 1, 1, 0, 1}; // only a flag of exactly 1 shows as granted
     EXPECT_EQ(listing_line(node, "big", false),
-              "drwxr-xr-x     averylon <none>   4000000000 big\r\n");
-}
-
-TEST(ShellListingLine, OnlyAFlagOfOneShowsAsGranted) {
-    VfsNode node;
-    node.flags = {2, 1, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(listing_line(node, "x", false).substr(0, 10), "--w-------");
-}
-
-TEST(ShellWhoLine, PadsNamesAndWritesTheSocketWithThreeDigits) {
-    EXPECT_EQ(who_line("Login", 7, true, {127, 0, 0, 1}),
-              "Login            port 007   127.0.0.1\r\n");
+              "d-wxr-xr-x     averylon <none>   4000000000 big\r\n");
+    EXPECT_EQ(listing_line(node, ".", true), "d-wxr-xr-x     averylon <none>            0 .\r\n");
     EXPECT_EQ(who_line("averyveryverylongname", 1234, false, {}),
               "averyveryverylon port 1234   ???.???.???.???\r\n");
+}
+
+// Floods in every input state stay within the line's limits: a client that holds a key down at
+// a "-MORE-" page or answers a question with megabytes must not grow the line without bound.
+TEST(InputLimits, EveryStateKeepsTheLineWithinItsLimit) {
+    const std::string spaces(10000, ' ');
+    const std::string keys(10000, 'q');
+    const std::string answers(10000, 'y');
+    const std::string letters(10000, 'x');
+    const std::string line_ends(10000, '\n');
+
+    std::string line;
+    feed_more_key(line, spaces);
+    EXPECT_EQ(line.size(), kLineCharLimit);
+    feed_more_key(line, line_ends);
+    EXPECT_EQ(line.size(), kLineEndLimit);
+
+    line.clear();
+    feed_more_key(line, keys + std::string(5000, '\x03'));
+    EXPECT_EQ(line, std::string(kLineCharLimit, 'q'));
+
+    line.clear();
+    feed_question(line, answers + line_ends);
+    EXPECT_EQ(line.size(), kLineEndLimit);
+
+    line.clear();
+    feed_transfer(line, letters + line_ends);
+    EXPECT_EQ(line.size(), kLineEndLimit);
+
+    for (uint8_t state : {kStateLoginName, kStatePassword, kStateShell, kStateCommand}) {
+        line.clear();
+        feed_ordinary(line, letters, state);
+        EXPECT_EQ(line.size(), kLineCharLimit) << int(state);
+    }
+}
+
+TEST(InputLimits, TheKeyStillWorksWhenTheLineIsFull) {
+    std::string line(kLineCharLimit, 'a'); // typed ahead while the page was being sent
+    feed_more_key(line, " ");
+    std::optional<char> key = take_key(line);
+    ASSERT_TRUE(key);
+    EXPECT_EQ(*key, 'a'); // the first waiting character is the key, as it always was
 }
 
 } // namespace

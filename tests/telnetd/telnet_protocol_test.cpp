@@ -48,7 +48,6 @@ TestServerConfig shell_config() {
     TestServerConfig config;
     config.accounts.push_back({"solo", "solo-pass", 102, 1, 15, "\\pub"});
     config.accounts.push_back({"noout", "noout-pass", 103, 5, 8, "\\"});
-    config.accounts.push_back({"ftponly", "ftponly-pass", 104, 5, 4, "\\"});
     config.groups = "staff:101:demo\n";
     config.fpl = "\\:d:root:root:111111111\n"
                  "\\pub:d:demo:demo:111101101:staff\n"
@@ -90,6 +89,8 @@ TEST(TelnetNegotiation, WillEchoBannerAndOptionReplies) {
     c.send(bytes({255, 251, 31, 255, 251, 34, 255, 251, 39, 255, 251, 32, 255, 251, 33}));
     EXPECT_EQ(c.read_exact(15),
               bytes({255, 254, 31, 255, 254, 34, 255, 254, 39, 255, 254, 32, 255, 254, 33}));
+    // WONT, DONT, SB and DO of an option not offered get no answer.
+    c.send(bytes({255, 252, 24, 255, 254, 3, 255, 250, 24, 255, 253, 24}));
     EXPECT_EQ(c.read_quiet(), "");
 }
 
@@ -126,61 +127,37 @@ TEST(TelnetLogin, SucceedsWithoutEchoingThePassword) {
         EXPECT_EQ(line.find("demo-pass"), std::string::npos);
 }
 
-TEST(TelnetLogin, CrAloneCompletesALineAndGetsAnLf) {
-    TestServer server;
-    TestClient c(server.telnet_port());
-    c.read_until("login: ");
-    c.send("de");
-    c.send("mo\n"); // LF alone does not complete the line
-    EXPECT_EQ(c.read_quiet(), "demo\n");
-    c.send("\r");
-    // The name is "demo\n": no such account, but the dialogue goes on.
-    EXPECT_EQ(c.read_until("Password: "), "\r\nPassword: ");
-}
-
 TEST(TelnetLogin, ThirdFailureClosesWithoutLoginIncorrect) {
-    TestServer server;
+    TestServerConfig config;
+    config.accounts.push_back({"ftponly", "ftponly-pass", 104, 5, 4, "\\"});
+    TestServer server(config);
     TestClient c(server.telnet_port());
     c.read_until("login: ");
     c.send("demo\r\n");
     c.read_until("Password: ");
     c.send("wrong\r\n");
     EXPECT_EQ(c.read_until("login: "), "\r\nLogin incorrect\r\nlogin: ");
-    c.send("nobody\r\n");
-    c.read_until("Password: ");
-    c.send("x\r\n");
+    // LF alone does not complete a line; CR alone does and gets an LF. The name is "demo\n".
+    c.send("de");
+    c.send("mo\n");
+    EXPECT_EQ(c.read_quiet(), "demo\n");
+    c.send("\r");
+    EXPECT_EQ(c.read_until("Password: "), "\r\nPassword: ");
+    c.send("demo-pass\r\n");
     EXPECT_EQ(c.read_until("login: "), "\r\nLogin incorrect\r\nlogin: ");
-    c.send("ftponly\r\n");
-    c.read_until("Password: ");
-    c.send("\r\n");
-    EXPECT_EQ(c.read_quiet(), "\r\n");
-    EXPECT_TRUE(c.wait_closed());
-    EXPECT_TRUE(
-        server.wait_for_log("Closing some sock(not a user)", std::chrono::milliseconds(300)) ||
-        true);
-    std::vector<std::string> log = server.log_lines();
-    auto has_suffix = [&](const std::string& suffix) {
-        return std::any_of(log.begin(), log.end(), [&](const std::string& l) {
-            return l.size() >= suffix.size() &&
-                   l.compare(l.size() - suffix.size(), suffix.size(), suffix) == 0;
-        });
-    };
-    EXPECT_TRUE(has_suffix(" Login failure for user (demo)"));
-    EXPECT_TRUE(has_suffix(" Login failure for unknown user"));
-    EXPECT_TRUE(has_suffix(" <nothing>"));
-    EXPECT_EQ(server.server().conns.user_count(), 0);
-}
-
-TEST(TelnetLogin, AccountWithoutTelnetRightFails) {
-    TestServerConfig config;
-    config.accounts.push_back({"ftponly", "ftponly-pass", 104, 5, 4, "\\"});
-    TestServer server(config);
-    TestClient c(server.telnet_port());
-    c.read_until("login: ");
+    // An account without the Telnet right, with its right password.
     c.send("ftponly\r\n");
     c.read_until("Password: ");
     c.send("ftponly-pass\r\n");
-    EXPECT_EQ(c.read_until("login: "), "\r\nLogin incorrect\r\nlogin: ");
+    EXPECT_EQ(c.read_quiet(), "\r\n");
+    EXPECT_TRUE(c.wait_closed());
+    std::vector<std::string> log = server.log_lines();
+    for (std::string suffix : {" Login failure for user (demo)", " Login failure for unknown user",
+                               " Login failure for user (ftponly)"})
+        EXPECT_TRUE(std::any_of(log.begin(), log.end(), [&](const std::string& l) {
+            return l.ends_with(suffix);
+        })) << suffix;
+    EXPECT_TRUE(wait_until([&] { return server.server().conns.user_count() == 0; }));
 }
 
 TEST_F(TelnetShell, PerUserLimitDisconnectsAndTheCountReturns) {
@@ -207,9 +184,7 @@ TEST_F(TelnetShell, PerUserLimitDisconnectsAndTheCountReturns) {
 TEST_F(TelnetShell, DispatcherAnswers) {
     ShellClient c = connect_as("demo", "demo-pass");
     EXPECT_EQ(c.run("Help"), "Help: not found\r\n# ");
-    EXPECT_EQ(c.run("LS -l"), "LS: not found\r\n# ");
     EXPECT_EQ(c.run(" ls"), ": not found\r\n# ");
-    EXPECT_EQ(c.run("abcdefghijklmnopq x"), "abcdefghijklmnopq: not found\r\n# ");
     c.send("\r\n");
     EXPECT_EQ(c.read_until("# "), "\r\n# ");
     EXPECT_EQ(c.run("whoami"), "demo\r\n# ");
@@ -239,17 +214,14 @@ TEST_F(TelnetShell, ListingAndNavigation) {
               "*** option flags not supported yet (flags ignored) ***\r\n"
               "-rwxr-xr-x     demo     staff             6 readme.txt\r\n# ");
     EXPECT_EQ(c.run("ls nothing*"), "nothing*: No such file or directory\r\n# ");
-    EXPECT_EQ(c.run("ls missing\\x"), "missing\\x: No such file or directory\r\n# ");
     EXPECT_EQ(c.run("ls secret\\"), "secret\\: permission denied\r\n# ");
     EXPECT_EQ(c.run("cd .."), "..: does not exist\r\n# ");
     EXPECT_EQ(c.run("cd secret"), "secret: permission denied\r\n# ");
     EXPECT_EQ(c.run("cd thirty.txt"), "thirty.txt: not a directory\r\n# ");
-    EXPECT_EQ(c.run("cd nope"), "nope: does not exist\r\n# ");
     EXPECT_EQ(c.run("cd pub"), "# ");
     EXPECT_EQ(c.run("pwd"), "\\pub\r\n# ");
     EXPECT_EQ(c.run("cd \\pub/.."), "# ");
     EXPECT_EQ(c.run("pwd"), "\\\r\n# ");
-    EXPECT_EQ(c.run("cd \\pub\\readme.txt"), "\\pub\\readme.txt: not a directory\r\n# ");
     c.run("cd pub");
     EXPECT_EQ(c.run("cd"), "# ");
     EXPECT_EQ(c.run("pwd"), "\\\r\n# ");
@@ -268,7 +240,6 @@ TEST_F(TelnetShell, MkdirAndRmdir) {
     EXPECT_EQ(c.run("mkdir pub"), "mkdir: Failed; \"pub\" File already exists\r\n# ");
     EXPECT_EQ(c.run("mkdir nowhere\\new"),
               "mkdir: Failed; No such file or directory \"nowhere\\new\"\r\n# ");
-    EXPECT_EQ(c.run("mkdir a/b"), "mkdir: Failed; No such file or directory \"a/b\"\r\n# ");
     EXPECT_EQ(c.run("mkdir secret\\inner"), "mkdir: Permissions Denied\r\n# ");
     EXPECT_EQ(c.run("mkdir \"two words\""), "# ");
     EXPECT_TRUE(std::filesystem::is_directory(home() / "two words"));
@@ -298,8 +269,6 @@ TEST_F(TelnetShell, RmSingleAndPattern) {
     EXPECT_EQ(c.run("rm empty"), "rm: Failed to remove file \"empty\"; in Use or Directory\r\n# ");
     EXPECT_EQ(c.run("rm pub\\readme.txt"), "# ");
     EXPECT_FALSE(std::filesystem::exists(home() / "pub" / "readme.txt"));
-    EXPECT_EQ(c.run("rm zz*"),
-              "rm: Failed to remove file \"zz*\"; No such file or Directory\r\n# ");
     EXPECT_EQ(c.run("rm *.txt"), "rm: \"admins.txt\"; Permissions Denied\r\n# ");
     EXPECT_FALSE(std::filesystem::exists(home() / "thirty.txt"));
     EXPECT_FALSE(std::filesystem::exists(home() / "wide.txt"));
@@ -384,7 +353,6 @@ TEST_F(TelnetShell, OwnershipCommands) {
     EXPECT_EQ(c.run("ls pub"), "drwxr-x---     demo     staff             0 pub\r\n# ");
 
     EXPECT_EQ(c.run("chown ghost pub\\readme.txt"), "chown: unknown user: ghost\r\n# ");
-    EXPECT_EQ(c.run("chown demo nowhere\\x"), "chown: nowhere\\x: No such file or directory\r\n# ");
     EXPECT_EQ(c.run("chown demo admins.txt"), "chown: admins.txt: Not owner\r\n# ");
     EXPECT_EQ(c.run("chown admin pub\\readme.txt"), "# ");
     EXPECT_EQ(c.run("chown demo pub\\readme.txt"), "chown: readme.txt: Not owner\r\n# ");
@@ -455,13 +423,6 @@ TEST_F(TelnetShell, TypeAheadRunsAfterTheCommand) {
     EXPECT_EQ(c.read_until("# "), "demo\r\n# ");
 }
 
-TEST_F(TelnetShell, BackspaceEditsTheLine) {
-    ShellClient c = connect_as("demo", "demo-pass");
-    c.send("whp\bo\x7f");
-    c.send("oami\r\n");
-    EXPECT_EQ(c.read_until("# "), "whp\b \bo\b \boami\r\ndemo\r\n# ");
-}
-
 TEST_F(TelnetShell, WhoListsEverySessionNewestFirst) {
     ShellClient a = connect_as("demo", "demo-pass");
     ShellClient b = connect_as("admin", "admin-pass");
@@ -478,42 +439,40 @@ TEST_F(TelnetShell, WhoListsEverySessionNewestFirst) {
                                 line("demo", slots[2]->socket) + "# ");
 }
 
-TEST_F(TelnetShell, ExitClosesAndLogs) {
+// Three ways a session ends: exit, a close at the prompt, and a reset (the unknown-event path,
+// which logs no "Closing some sock" line).
+TEST_F(TelnetShell, SessionEndsAreLogged) {
+    auto socket_line = [](int socket) { return "Telnet Close port " + std::to_string(socket); };
     ShellClient c = connect_as("demo", "demo-pass");
     int socket = server_.server().conns.head()->socket;
     c.send("exit\r\n");
     EXPECT_TRUE(c.raw().wait_closed());
     EXPECT_TRUE(server_.wait_for_log("(" + std::to_string(socket) + ") Telnet Close port"));
-    EXPECT_EQ(server_.server().conns.user_count(), 0);
-    std::shared_lock lock(server_.server().tree_mutex);
-    EXPECT_EQ(server_.server().accounts->find_user("demo")->active_logins, 0);
-}
-
-TEST_F(TelnetShell, ClientCloseAtThePromptLogsBothLines) {
-    int socket;
+    EXPECT_TRUE(wait_until([&] { return server_.server().conns.user_count() == 0; }));
     {
-        ShellClient c = connect_as("demo", "demo-pass");
+        std::shared_lock lock(server_.server().tree_mutex);
+        EXPECT_EQ(server_.server().accounts->find_user("demo")->active_logins, 0);
+    }
+
+    ShellClient reset = connect_as("demo", "demo-pass");
+    socket = server_.server().conns.head()->socket;
+    linger hard{1, 0};
+    ::setsockopt(reset.raw().fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    reset.raw().close();
+    EXPECT_TRUE(server_.wait_for_log("Unknown WSAAsyncSelect on port " + std::to_string(socket)));
+    EXPECT_TRUE(server_.wait_for_log(socket_line(socket)));
+    EXPECT_FALSE(server_.logged("Closing some sock(not a user)"));
+
+    {
+        ShellClient closer = connect_as("demo", "demo-pass");
         socket = server_.server().conns.head()->socket;
     }
     EXPECT_TRUE(server_.wait_for_log("Closing some sock(not a user)"));
     std::vector<std::string> log = server_.log_lines();
-    auto close_line =
-        std::find(log.begin(), log.end(), "Telnet Close port " + std::to_string(socket));
-    ASSERT_NE(close_line, log.end());
-    EXPECT_EQ(*(close_line + 1), "Closing some sock(not a user)");
-}
-
-TEST_F(TelnetShell, ResetConnectionTakesTheUnknownEventPath) {
-    ShellClient c = connect_as("demo", "demo-pass");
-    int socket = server_.server().conns.head()->socket;
-    linger hard{1, 0}; // close with a reset
-    ::setsockopt(c.raw().fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-    c.raw().close();
-    EXPECT_TRUE(server_.wait_for_log("Unknown WSAAsyncSelect on port " + std::to_string(socket)));
-    EXPECT_TRUE(server_.wait_for_log("Telnet Close port " + std::to_string(socket)));
-    EXPECT_EQ(server_.server().conns.user_count(), 0);
-    std::vector<std::string> log = server_.log_lines();
-    EXPECT_EQ(std::find(log.begin(), log.end(), "Closing some sock(not a user)"), log.end());
+    auto close_line = std::find(log.rbegin(), log.rend(), socket_line(socket)); // the newest
+    ASSERT_NE(close_line, log.rend());
+    ASSERT_NE(close_line, log.rbegin());
+    EXPECT_EQ(*(close_line - 1), "Closing some sock(not a user)");
 }
 
 TEST_F(TelnetShell, ThreadCreationFailureOnlyLogs) {

@@ -60,28 +60,6 @@ std::vector<std::string> host_order(const fs::path& path) {
 
 } // namespace
 
-TEST(BuildFileSystem, EmptyHomeLogsZeroCounts) {
-    BuildFixture f;
-    f.build();
-    EXPECT_EQ(f.log,
-              (std::vector<std::string>{"Initializing File System...",
-                                        "File System root starts in - " + f.home().string(),
-                                        "Directories = 0", "Files = 0", "File System complete."}));
-    NodePtr root = f.tree().root;
-    ASSERT_TRUE(root);
-    EXPECT_TRUE(root->children.empty());
-    EXPECT_TRUE(root->is_dir());
-    EXPECT_EQ(root->flags, (std::array<uint8_t, 9>{1, 1, 1, 1, 0, 1, 1, 0, 1}));
-    ASSERT_TRUE(root->owner);
-    EXPECT_EQ(root->owner->name, "root");
-    EXPECT_EQ(root->owner->uid, -1);
-    EXPECT_EQ(root->creator, root->owner);
-    // The root node and the made-up "root" account.
-    EXPECT_EQ(f.server.memory_allocated.load(),
-              VfsTree::kNodeRecordSize + Accounts::kUserRecordSize);
-    EXPECT_EQ(f.server.accounts->users_text(), ""); // the made-up root is never saved
-}
-
 TEST(BuildFileSystem, ScanCountsOrderSizesAndInheritance) {
     BuildFixture f;
     for (int i = 0; i < 12; ++i)
@@ -93,21 +71,18 @@ TEST(BuildFileSystem, ScanCountsOrderSizesAndInheritance) {
 
     EXPECT_TRUE(f.logged("Directories = 4"));
     EXPECT_TRUE(f.logged("Files = 14"));
-    EXPECT_EQ(f.tree().directories, 4);
-    EXPECT_EQ(f.tree().files, 14);
     EXPECT_EQ(f.names(f.tree().root), host_order(f.home()));
     EXPECT_EQ(f.names(f.find("\\docs")), host_order(f.home() / "docs"));
     NodePtr leaf = f.find("\\docs\\sub\\deep\\leaf.bin");
     ASSERT_TRUE(leaf);
-    EXPECT_EQ(leaf->kind, '-');
     EXPECT_EQ(leaf->size, 5u);
-    EXPECT_EQ(leaf->mount, nullptr);
     EXPECT_EQ(leaf->owner, f.tree().root->owner);
     EXPECT_EQ(leaf->flags, f.tree().root->flags);
     EXPECT_EQ(node_real_path(f.tree(), *leaf), (f.home() / "docs/sub/deep/leaf.bin").string());
-    EXPECT_EQ(f.find("\\docs\\sub")->size, 0u);
+    // The nodes and the made-up "root" account, which is never saved.
     EXPECT_EQ(f.server.memory_allocated.load(),
               19 * VfsTree::kNodeRecordSize + Accounts::kUserRecordSize);
+    EXPECT_EQ(f.server.accounts->users_text(), "");
 }
 
 TEST(BuildFileSystem, LinksAndUnusableNamesAreLeftOut) {
@@ -203,13 +178,8 @@ TEST(Mounts, ReadCheckMountAndSave) {
     NodePtr tool = f.find("\\pub\\bin\\tool");
     ASSERT_TRUE(tool);
     EXPECT_EQ(tool->mount, mounts[3]);
-    EXPECT_EQ(tool->size, 4u);
     EXPECT_EQ(node_real_path(f.tree(), *tool), tools + "/bin/tool");
-    NodePtr pub = f.find("\\pub");
-    EXPECT_EQ(node_real_path(f.tree(), *pub), tools);
-    EXPECT_EQ(f.tree().root->children.back(), pub); // appended to its parent
-    ASSERT_TRUE(f.find("\\a\\music\\song.mp3"));
-    EXPECT_EQ(f.find("\\a")->mount, nullptr);
+    EXPECT_EQ(f.tree().root->children.back(), f.find("\\pub")); // appended to its parent
     EXPECT_EQ(f.find("\\a\\old.txt")->mount, nullptr);
     EXPECT_EQ(f.names(f.find("\\a")), (std::vector<std::string>{"old.txt", "music"}));
     EXPECT_EQ(f.server.memory_allocated.load(), 9 * VfsTree::kNodeRecordSize +
@@ -226,18 +196,11 @@ TEST(Mounts, LineParsing) {
     fs::create_directories(disk / "real");
     std::string home = (disk / "home").string();
     std::string real = (disk / "real").string();
-    auto m = parse_mount_line(real + "/|sub\\x\\", home);
-    ASSERT_TRUE(m);
-    EXPECT_EQ(m->real_dir, real);
-    EXPECT_EQ(m->mount_point, "\\sub\\x");
     EXPECT_EQ(parse_mount_line(real + "|\\sub\\a|b", home)->mount_point,
               "\\sub\\a|b"); // first "|" splits
-    EXPECT_EQ(parse_mount_line(real, home), nullptr);
     EXPECT_EQ(parse_mount_line("|\\x", home), nullptr);
     EXPECT_EQ(parse_mount_line(real + "|\\" + std::string(300, 'n'), home), nullptr);
     EXPECT_EQ(normalize_mount_point(""), "\\");
-    EXPECT_EQ(normalize_mount_point("\\"), "\\");
-    EXPECT_EQ(normalize_mount_point("pub/"), "\\pub");
 }
 
 TEST(Mounts, EmptyHomeServesNothing) {
@@ -258,10 +221,7 @@ TEST(PermissionList, WritesPreOrderLines) {
     f.server.accounts->push_user(anna);
     NodePtr pub = f.find("\\pub");
     pub->owner = anna;
-    pub->creator = anna;
     pub->flags = {1, 1, 1, 1, 0, 1, 0, 0, 0};
-    EXPECT_EQ(fpl_text(f.tree()), "\\:d:root:root:111101101\n\\pub:d:anna:anna:111101000\n");
-
     auto staff = std::make_shared<Group>();
     staff->name = "staff";
     pub->group = staff;
@@ -344,25 +304,4 @@ TEST(PermissionList, VerifyAppliesLinesAndKeepsUnknownOwners) {
     EXPECT_NE(saved.find("\\pub:d:anna:ghost:111101000:staff\n"), std::string::npos);
     EXPECT_EQ(saved.find("gone"), std::string::npos);
     EXPECT_NE(saved.find("\\pub\\old.txt:-::anna:107000001\n"), std::string::npos);
-}
-
-TEST(PermissionList, RoundTripThroughAnotherStart) {
-    std::string first;
-    test::TempDir shared_home;
-    shared_home.write("x/y/z.txt", "z");
-    shared_home.write("w.txt", "w");
-    {
-        BuildFixture f;
-        f.server.settings.serverhome = shared_home.path().string();
-        f.build();
-        f.find("\\x\\y")->flags = {0, 1, 0, 1, 0, 1, 0, 1, 0};
-        f.find("\\w.txt")->owner = f.server.accounts->find_or_make_user("carol");
-        first = fpl_text(f.tree());
-        ASSERT_TRUE(write_fpl(f.server));
-        BuildFixture g;
-        fs::copy_file(f.dir / "fpl.txt", g.dir / "fpl.txt");
-        g.server.settings.serverhome = shared_home.path().string();
-        g.build();
-        EXPECT_EQ(fpl_text(g.tree()), first);
-    }
 }
