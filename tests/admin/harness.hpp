@@ -9,9 +9,6 @@
 #include <QCoreApplication>
 #include <QString>
 #include <QWidget>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <vector>
 
 namespace orv::test {
@@ -46,26 +43,6 @@ class Harness {
     std::vector<Box> boxes;
     std::vector<QString> edited;
 };
-
-// A free TCP port that the settings dialog accepts (1 to 32000; the kernel's own picks lie
-// above that).
-inline int free_dialog_port() {
-    static int next = 20000 + static_cast<int>(::getpid() % 4000) * 3;
-    for (int tries = 0; tries < 12000; ++tries) {
-        int port = next++;
-        if (next > 32000)
-            next = 20000;
-        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(static_cast<uint16_t>(port));
-        bool free = ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
-        ::close(fd);
-        if (free)
-            return port;
-    }
-    return 0;
-}
 
 template <typename T> T* child(QWidget* parent, const char* name) {
     return parent->findChild<T*>(QString::fromLatin1(name));

@@ -115,8 +115,8 @@ int main(int argc, char** argv) {
 
     test::TempDir demo;
     // Ports the settings dialog accepts, as a real configuration would have.
-    int ftp_port = test::free_dialog_port();
-    prepare_demo(demo, ftp_port, test::free_dialog_port());
+    int ftp_port = test::free_port();
+    prepare_demo(demo, ftp_port, test::free_port());
     ServerApp app(demo.path(), nullptr);
     DesktopSession session(app);
     session.start();

@@ -40,7 +40,7 @@ void SettingsDialogTest::opens_with_the_values_in_use_and_a_refusal_changes_noth
     std::string before = h.server.dir().read("settings.ini");
     size_t mark = h.log_mark();
     max_users->setText(QStringLiteral("257"));
-    child<QLineEdit>(&dialog, "ftp_port")->setText(QString::number(test::free_dialog_port()));
+    child<QLineEdit>(&dialog, "ftp_port")->setText(QString::number(test::free_port()));
     click(&dialog, "save");
     QCOMPARE(h.boxes, (std::vector<Box>{{"Error", "Max Users must be between 0 and 256"}}));
     QVERIFY(max_users->hasFocus());
@@ -57,8 +57,8 @@ void SettingsDialogTest::new_ftp_port_restarts_the_listener() {
     test::TestClient before(h.server.ftp_port());
     QVERIFY(before.read_until("ready.\r\n").starts_with("220 "));
     ServerSettingsDialog dialog(h.ui);
-    int port = test::free_dialog_port();
-    child<QLineEdit>(&dialog, "telnet_port")->setText(QString::number(test::free_dialog_port()));
+    int port = test::free_port();
+    child<QLineEdit>(&dialog, "telnet_port")->setText(QString::number(test::free_port()));
     child<QLineEdit>(&dialog, "ftp_port")->setText(QString::number(port));
     size_t mark = h.log_mark();
     click(&dialog, "save");
@@ -81,8 +81,8 @@ void SettingsDialogTest::new_home_directory_shows_the_info_box() {
     ServerSettingsDialog dialog(h.ui);
     QString home = QString::fromStdString((h.server.dir() / "elsewhere").string());
     child<QLineEdit>(&dialog, "serverhome")->setText(home);
-    child<QLineEdit>(&dialog, "telnet_port")->setText(QString::number(test::free_dialog_port()));
-    child<QLineEdit>(&dialog, "ftp_port")->setText(QString::number(test::free_dialog_port()));
+    child<QLineEdit>(&dialog, "telnet_port")->setText(QString::number(test::free_port()));
+    child<QLineEdit>(&dialog, "ftp_port")->setText(QString::number(test::free_port()));
     click(&dialog, "save");
     QCOMPARE(h.boxes, (std::vector<Box>{{"INFO!", "Server home directory change will take\r\n"
                                                   "effect next time you start the server"}}));

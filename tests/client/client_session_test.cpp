@@ -223,6 +223,13 @@ TEST(ClientProtocol, TypeWaitsForTheEndOfAMultiLineLoginReply) {
               "331 Password required.\r\nPassword: \r\n\r230-Welcome aboard.\r\n"
               "230 Logged in.\r\n200 Type set to A.\r\nftp> ");
     EXPECT_FALSE(early_type);
+
+    // A command thread that cannot start is only logged.
+    c.server().server().workers.set_refuse_spawns(true);
+    c.shell().send("dir\r\n");
+    EXPECT_TRUE(c.server().wait_for_log("**** Failed to create oftp DIR Thread ****"));
+    EXPECT_EQ(c.shell().raw().read_quiet(), "dir\r\n");
+    c.server().server().workers.set_refuse_spawns(false);
 }
 
 TEST(ClientProtocol, TransferEndThatOvertakesTheDataConnection) {
@@ -245,37 +252,6 @@ TEST(ClientProtocol, TransferEndThatOvertakesTheDataConnection) {
     EXPECT_EQ(c.home_file("late.txt"), "late data");
     EXPECT_TRUE(c.server().wait_for_log("**** Start UNHANDLED STATUS ****"));
     EXPECT_TRUE(c.server().wait_for_log("226 Done.\r\n"));
-}
-
-TEST(ClientProtocol, ListingsTravelInAsciiAndTheTypeIsRestored) {
-    ClientSession c;
-    FakeFtpPeer peer({"220 ready\r\n"},
-                     [](FakeFtpPeer& p, const std::string& verb, const std::string&) {
-                         if (verb != "NLST")
-                             return false;
-                         p.reply("150 Here.\r\n");
-                         p.send_data("a\r\nb\r\n");
-                         std::this_thread::sleep_for(100ms);
-                         p.reply("226 Listed.\r\n");
-                         return true;
-                     });
-    c.connect(peer);
-    EXPECT_EQ(c.line("bin"), "200 Type set to I.\r\nftp> ");
-    EXPECT_EQ(c.line("ls"), "200 Type set to A.\r\n200 PORT ok.\r\n150 Here.\r\na\r\nb\r\n"
-                            "226 ASCII Transfer complete.\r\n200 Type set to I.\r\nftp> ");
-    std::vector<std::string> cmds = peer.commands();
-    ASSERT_GE(cmds.size(), 5u);
-    EXPECT_EQ(cmds[cmds.size() - 4], "TYPE A");
-    EXPECT_EQ(cmds[cmds.size() - 3].substr(0, 15), "PORT 127,0,0,1,");
-    EXPECT_EQ(cmds[cmds.size() - 2], "NLST");
-    EXPECT_EQ(cmds.back(), "TYPE I");
-
-    // A command thread that cannot start is only logged.
-    c.server().server().workers.set_refuse_spawns(true);
-    c.shell().send("dir\r\n");
-    EXPECT_TRUE(c.server().wait_for_log("**** Failed to create oftp DIR Thread ****"));
-    EXPECT_EQ(c.shell().raw().read_quiet(), "dir\r\n");
-    c.server().server().workers.set_refuse_spawns(false);
 }
 
 TEST(ClientProtocol, SilentServerAndOneThatIgnoresQuit) {

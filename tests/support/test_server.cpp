@@ -13,15 +13,24 @@
 namespace orv::test {
 
 int free_port() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
-    socklen_t len = sizeof sa;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
-    ::close(fd);
-    return ntohs(sa.sin_port);
+    // Below the kernel's ephemeral range, so that no outgoing connection of a test running
+    // beside this one can take the port between this check and the server's bind; each
+    // process starts at its own place.
+    static int next = 20000 + static_cast<int>(::getpid() % 4000) * 3;
+    for (int tries = 0; tries < 12000; ++tries) {
+        int port = next++;
+        if (next > 32000)
+            next = 20000;
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_port = htons(static_cast<uint16_t>(port));
+        bool free = ::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
+        ::close(fd);
+        if (free)
+            return port;
+    }
+    return 0;
 }
 
 bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {

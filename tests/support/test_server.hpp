@@ -36,7 +36,7 @@ struct TestServerConfig {
     std::string motd;   // contents of motd.txt (empty: none)
 };
 
-// A free TCP port on 127.0.0.1 (bound and released; good enough for tests).
+// A TCP port that is free on every address, from 20000 to 32000 (bound and released).
 int free_port();
 
 // Polls `done` until it holds or the limit passes.

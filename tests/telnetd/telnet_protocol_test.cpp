@@ -229,12 +229,6 @@ TEST_F(TelnetShell, ListingAndNavigation) {
                                      ") Dir thread complete"));
 }
 
-TEST_F(TelnetShell, SuperUserPassesEveryPermission) {
-    ShellClient c = connect_as("admin", "admin-pass");
-    EXPECT_EQ(c.run("cd secret"), "# ");
-    EXPECT_EQ(c.run("ls plan*"), "-rwx------     admin    <none>            7 plan.txt\r\n# ");
-}
-
 TEST_F(TelnetShell, MkdirAndRmdir) {
     ShellClient c = connect_as("demo", "demo-pass");
     EXPECT_EQ(c.run("mkdir pub"), "mkdir: Failed; \"pub\" File already exists\r\n# ");
