@@ -71,7 +71,7 @@ std::string mount_target(std::string_view mount_to, std::string_view as) {
 void split_mount_target(std::string_view target, std::string& mount_to, std::string& as) {
     size_t cut = target.find_last_of('\\');
     if (cut == std::string_view::npos) {
-        mount_to = "\\";
+        mount_to.assign(1, '\\');
         as = std::string(target);
         return;
     }
