@@ -52,7 +52,6 @@ struct VfsNode {
     std::vector<std::shared_ptr<VfsNode>> children; // chain order; new children appended
 
     bool is_dir() const { return kind == 'd'; }
-    std::string kind_text() const { return std::string(1, kind); }
     std::shared_ptr<VfsNode> parent_node() const { return parent.lock(); }
 };
 
