@@ -5,7 +5,6 @@
 #include "fuzz/fuzz_world.hpp"
 
 #include <algorithm>
-#include <sstream>
 #include <vector>
 
 using namespace orv;
@@ -23,30 +22,6 @@ std::string load(Accounts& accounts, const std::string& groups) {
     accounts.read_users(fuzz::write_scratch("users", kUsers), log);
     accounts.link_groups(fuzz::scratch_dir() / "groups", log);
     return accounts.groups_text();
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-bool plain_file(std::string_view text) {
-    if (text.find_first_of(std::string_view("\r\0", 2)) != std::string_view::npos)
-        return false;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        size_t len = (end == std::string_view::npos ? text.size() : end) - start;
-        if (len >= 1022)
-            return false;
-        if (end == std::string_view::npos)
-            break;
-        start = end + 1;
-    }
-    return true;
 }
 
 } // namespace
@@ -73,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Group names are unique in files we write only when they were unique in the input, and
     // linking goes by name: compare only then.
-    if (plain_file(text)) {
+    if (fuzz::plain_file(text)) {
         Accounts first;
         std::string once = load(first, text);
         std::vector<std::string> names;
@@ -84,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (unique) {
             Accounts second;
             std::string twice = load(second, once);
-            std::vector<std::string> a = lines_of(once), b = lines_of(twice);
+            std::vector<std::string> a = fuzz::lines_of(once), b = fuzz::lines_of(twice);
             std::reverse(b.begin(), b.end());
             fuzz::check(a == b, "the groups file does not read back to what was written");
         }

@@ -8,44 +8,17 @@
 #include "fuzz/fuzz_world.hpp"
 
 #include <algorithm>
-#include <sstream>
 #include <vector>
 
 using namespace orv;
 
 namespace {
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 std::string read_and_write(const std::string& text) {
     Log log;
     Accounts accounts;
     accounts.read_users(fuzz::write_scratch("users", text), log);
     return accounts.users_text();
-}
-
-// Lines a fgets loop with a 1024-byte buffer takes whole, without NULs or carriage returns
-// (both are cut by the reader, so such a file only settles after more cycles).
-bool plain_file(std::string_view text) {
-    if (text.find_first_of(std::string_view("\r\0", 2)) != std::string_view::npos)
-        return false;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        size_t len = (end == std::string_view::npos ? text.size() : end) - start;
-        if (len >= 1022)
-            return false;
-        if (end == std::string_view::npos)
-            break;
-        start = end + 1;
-    }
-    return true;
 }
 
 } // namespace
@@ -67,9 +40,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     std::string written = accounts.users_text();
-    if (plain_file(text)) {
+    if (fuzz::plain_file(text)) {
         std::string again = read_and_write(written);
-        std::vector<std::string> a = lines_of(written), b = lines_of(again);
+        std::vector<std::string> a = fuzz::lines_of(written), b = fuzz::lines_of(again);
         std::reverse(b.begin(), b.end());
         fuzz::check(a == b, "the users file does not read back to what was written");
     }

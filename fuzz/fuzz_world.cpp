@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <unistd.h>
 
 namespace orv::fuzz {
@@ -71,6 +72,30 @@ std::filesystem::path write_scratch(const char* name, std::string_view bytes) {
     if (!out)
         fail("cannot write a scratch file");
     return path;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+bool plain_file(std::string_view text) {
+    if (text.find_first_of(std::string_view("\r\0", 2)) != std::string_view::npos)
+        return false;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        size_t len = (end == std::string_view::npos ? text.size() : end) - start;
+        if (len >= 1022)
+            return false;
+        if (end == std::string_view::npos)
+            break;
+        start = end + 1;
+    }
+    return true;
 }
 
 World::World() : server_(std::make_unique<Server>(scratch_dir())) {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orv::fuzz {
 
@@ -19,6 +20,13 @@ namespace orv::fuzz {
 const std::filesystem::path& scratch_dir();
 // Writes `bytes` to `name` in the scratch folder and returns its path.
 std::filesystem::path write_scratch(const char* name, std::string_view bytes);
+
+// The lines of a table file's text, without their line ends.
+std::vector<std::string> lines_of(const std::string& text);
+// A table file whose lines a fgets loop with a 1024-byte buffer takes whole, without NULs or
+// carriage returns (both are cut by the readers, so such a file only settles after more
+// read-and-write cycles).
+bool plain_file(std::string_view text);
 
 // Aborts with a message: libFuzzer reports it as a crash with the input that caused it.
 [[noreturn]] void fail(const char* what);
