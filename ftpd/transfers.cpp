@@ -4,15 +4,14 @@
 #include "core/server.hpp"
 #include "ftpd/data_connection.hpp"
 #include "ftpd/replies.hpp"
+#include "platform/buffer.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
 #include "vfs/tree.hpp"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <memory>
 #include <shared_mutex>
-#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,60 +40,36 @@ void set_wakeups(int fd) {
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 }
 
+// Uploads are received in blocks of 256 KiB.
 constexpr size_t kBlock = 256 * 1024;
 
-// The copy loop for files that cannot be spliced.
-long long copy_by_blocks(int file_fd, int data_fd, TransferStop stop) {
-    auto block = std::make_unique<char[]>(kBlock);
+// Downloads are read in blocks of 1 MiB and sent with MSG_MORE on every block but the last, so
+// that the kernel cuts the stream into full-sized segments instead of ending each block with a
+// short one (3 GiB over loopback: 51,180 segments, against 97,497 for 64 KiB blocks without
+// MSG_MORE). Measured on this kind of machine, same run, medians of 4: about 3500 MB/s at 0.30 s
+// of server CPU per GiB, against 1450-2450 MB/s at 0.42-0.70 s/GiB for a splice through a
+// 1 MiB pipe and 1550-1750 MB/s for sendfile. The receiver's copy also costs a third of what it
+// costs from page-cache pages (0.07 against 0.22 s/GiB of the client's CPU).
+constexpr size_t kSendBlock = 1 << 20;
+
+// `size` is the file's size at the open: the block that reaches it goes without MSG_MORE. (A
+// file that grows meanwhile is still sent to its end; closing the socket pushes what is held.)
+long long send_by_blocks(int file_fd, int data_fd, long long size, const TransferStop& stop) {
+    TransferBuffer block(kSendBlock);
     long long total = 0;
-    for (;;) {
-        ssize_t n = ::read(file_fd, block.get(), kBlock);
+    int idle_ms = 0;
+    while (block.size() > 0 && !stop.requested()) {
+        ssize_t n = ::read(file_fd, block.data(), block.size());
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
-        if (!send_all(data_fd, block.get(), static_cast<size_t>(n), stop.session, kDataIdleLimitMs))
-            break;
-        total += n;
-        if (stop.requested())
-            break;
-    }
-    return total;
-}
-
-// Downloads are spliced through a pipe of 1 MiB: the file's pages go to the socket without
-// a copy, as with sendfile, but in 1 MiB steps instead of sendfile's 64 KiB ones, so the
-// socket is pushed (and its locks taken) far less often. Measured against sendfile on this
-// kind of machine it costs about a tenth less CPU per byte on both sides of a loopback
-// download; read+send blocks cost twice the server's CPU.
-constexpr size_t kSpliceStep = 1 << 20;
-
-// Returns false when the file cannot be spliced at all (the caller copies it instead);
-// `total` counts the bytes that reached the socket.
-bool splice_file(int file_fd, int data_fd, const TransferStop& stop, long long& total) {
-    int pipe_fds[2];
-    if (::pipe2(pipe_fds, O_CLOEXEC) != 0)
-        return false;
-    // Without the larger pipe (a lower system limit) the steps are smaller, nothing else.
-    ::fcntl(pipe_fds[1], F_SETPIPE_SZ, static_cast<int>(kSpliceStep));
-    bool spliced = true;
-    int idle_ms = 0;
-    while (!stop.requested()) {
-        ssize_t n = ::splice(file_fd, nullptr, pipe_fds[1], nullptr, kSpliceStep, SPLICE_F_MOVE);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            spliced = n == 0 || total > 0;
-            break;
-        }
-        // More follows unless the file ended within this step.
-        unsigned more = static_cast<size_t>(n) == kSpliceStep ? SPLICE_F_MORE : 0;
-        size_t left = static_cast<size_t>(n);
-        while (left > 0 && !stop.requested()) {
-            ssize_t m =
-                ::splice(pipe_fds[0], nullptr, data_fd, nullptr, left, SPLICE_F_MOVE | more);
+        int flags = MSG_NOSIGNAL | (total + n < size ? MSG_MORE : 0);
+        size_t sent = 0;
+        while (sent < static_cast<size_t>(n) && !stop.requested()) {
+            ssize_t m = ::send(data_fd, block.data() + sent, static_cast<size_t>(n) - sent, flags);
             if (m > 0) {
-                left -= static_cast<size_t>(m);
+                sent += static_cast<size_t>(m);
                 total += m;
                 idle_ms = 0;
                 continue;
@@ -108,12 +83,10 @@ bool splice_file(int file_fd, int data_fd, const TransferStop& stop, long long& 
             }
             break;
         }
-        if (left > 0)
+        if (sent < static_cast<size_t>(n))
             break; // the client is gone, stuck or stopped
     }
-    ::close(pipe_fds[0]);
-    ::close(pipe_fds[1]);
-    return spliced;
+    return total;
 }
 
 // The bytes that went; fewer than `size` after a write error.
@@ -144,9 +117,7 @@ long long send_file(const std::string& path, int data_fd, TransferStop stop) {
         return 0;
     }
     set_wakeups(data_fd);
-    long long total = 0;
-    if (!splice_file(fd, data_fd, stop, total) && total == 0)
-        total = copy_by_blocks(fd, data_fd, stop);
+    long long total = send_by_blocks(fd, data_fd, st.st_size, stop);
     ::close(fd);
     return total;
 }
@@ -159,14 +130,16 @@ Received receive_file(int data_fd, const std::string& path, TransferStop stop) {
         return got;
     got.opened = true;
     set_wakeups(data_fd);
-    auto block = std::make_unique<char[]>(kBlock);
+    TransferBuffer block(kBlock);
+    // Without a buffer nothing can be stored: the upload fails rather than pass for done.
+    got.write_failed = block.size() == 0;
     int idle_ms = 0;
-    while (!(stop.server && stop.server->load())) {
-        ssize_t n = ::recv(data_fd, block.get(), kBlock, 0);
+    while (!got.write_failed && !(stop.server && stop.server->load())) {
+        ssize_t n = ::recv(data_fd, block.data(), block.size(), 0);
         if (n > 0) {
             got.bytes += n;
             idle_ms = 0;
-            long long done = write_all(fd, block.get(), static_cast<size_t>(n));
+            long long done = write_all(fd, block.data(), static_cast<size_t>(n));
             got.written += done;
             if (done < n) {
                 got.write_failed = true;
