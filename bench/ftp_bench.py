@@ -94,6 +94,30 @@ def wait_port(port, proc, limit=WAIT):
 # The shared files
 
 
+def wait_port_20(limit=120.0):
+    """Waits until local port 20 can be bound again. Data connections that a server made from
+    port 20 without SO_REUSEADDR block every later bind to it while they sit in TIME_WAIT (about
+    a minute), and the next server's data connections would fail."""
+    end = time.monotonic() + limit
+    waited = False
+    while True:
+        probe = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            probe.bind(("", 20))
+            return
+        except OSError:
+            if time.monotonic() > end:
+                log("  port 20 still taken after %.0f s; starting anyway" % limit)
+                return
+            if not waited:
+                log("  waiting for port 20 to be free ...")
+                waited = True
+            time.sleep(1.0)
+        finally:
+            probe.close()
+
+
 def write_file(path, size, seed):
     if os.path.exists(path) and os.path.getsize(path) == size:
         return
@@ -196,6 +220,7 @@ class ServerProcess:
         raise NotImplementedError
 
     def start(self):
+        wait_port_20()
         self.out = open(os.path.join(self.dir, "output.log"), "wb")
         self.proc = subprocess.Popen(self.command(), cwd=self.dir, stdout=self.out,
                                      stderr=subprocess.STDOUT, start_new_session=True)

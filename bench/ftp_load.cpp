@@ -384,22 +384,30 @@ int run_stor(const Target& t, const std::string& source, const std::string& name
     return 0;
 }
 
-// A start line for several threads.
+// A start line for several threads. The time it opens is taken by the last thread to arrive,
+// under the lock, so that a timer thread scheduled late cannot shorten a measurement.
 class Gate {
   public:
     explicit Gate(int parties) : waiting_(parties) {}
     void arrive_and_wait() {
         std::unique_lock lock(m_);
-        if (--waiting_ == 0)
+        if (--waiting_ == 0) {
+            opened_ = Clock::now();
             cv_.notify_all();
-        else
+        } else {
             cv_.wait_for(lock, std::chrono::seconds(kWaitSeconds), [&] { return waiting_ <= 0; });
+        }
+    }
+    Clock::time_point opened() {
+        std::lock_guard lock(m_);
+        return opened_;
     }
 
   private:
     std::mutex m_;
     std::condition_variable cv_;
     int waiting_;
+    Clock::time_point opened_;
 };
 
 // Runs `body(i)` on `n` threads and rethrows the first failure.
@@ -441,29 +449,18 @@ int run_par(const Target& t, const std::string& dir, const std::string& prefix, 
         sessions[static_cast<size_t>(i)] = std::move(c);
     });
     for (int r = 0; r < runs; ++r) {
-        Gate gate(clients + 1);
+        Gate gate(clients);
         std::atomic<long long> total{0};
-        Clock::time_point start;
-        std::thread timer([&] {
+        on_threads(clients, [&](int i) {
             gate.arrive_and_wait();
-            start = Clock::now();
+            long long bytes = download(*sessions[static_cast<size_t>(i)], numbered(prefix, i));
+            if (bytes != size) {
+                errno = 0;
+                fail("parallel RETR moved " + std::to_string(bytes) + " bytes");
+            }
+            total += bytes;
         });
-        try {
-            on_threads(clients, [&](int i) {
-                gate.arrive_and_wait();
-                long long bytes = download(*sessions[static_cast<size_t>(i)], numbered(prefix, i));
-                if (bytes != size) {
-                    errno = 0;
-                    fail("parallel RETR moved " + std::to_string(bytes) + " bytes");
-                }
-                total += bytes;
-            });
-        } catch (...) {
-            timer.join();
-            throw;
-        }
-        timer.join();
-        print("par_mbps", static_cast<double>(total.load()) / 1e6 / seconds_since(start));
+        print("par_mbps", static_cast<double>(total.load()) / 1e6 / seconds_since(gate.opened()));
     }
     on_threads(clients, [&](int i) { sessions[static_cast<size_t>(i)]->quit(); });
     return 0;
