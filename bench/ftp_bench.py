@@ -38,6 +38,7 @@ PEER_PACKAGES = {"vsftpd": "vsftpd", "proftpd": "proftpd-core", "pure-ftpd": "pu
 PEER_LIBRARIES = ["libwrap0", "libhiredis0.14", "libmemcached11", "libmemcachedutil2",
                   "libpcre2-posix3", "libsodium23", "libcap2", "libpam-modules"]
 WAIT = 60.0
+ROUNDS = 3  # rounds of the transfer workloads when peers are measured
 
 # The issue's anchors (best peer per figure, measured earlier on this kind of machine). Shown
 # beside a run without --peers only, as a rough guide: figures drift, ratios need one run.
@@ -451,64 +452,67 @@ def fd_count(pid):
         return -1
 
 
-def uploads(server, load, home, runs):
-    """STOR of 1 GiB `runs` times; returns the rates and the server's and the client's CPU
-    seconds per GiB. The first
-    upload is not counted: it may be the first in a while to take fresh pages for the page
-    cache, which costs far more on this virtual machine than reusing them."""
-    before = server.cpu_seconds()
-    stor = load.values(["stor", os.path.join(home, "big.bin"), "stor", str(runs + 1), home],
-                       "stor_mbps")
+def spent_since(server, before):
+    """The server's CPU seconds since `before`, once a peer's session processes have ended and
+    been reaped after the client."""
     time.sleep(1.0)
-    spent = (server.cpu_seconds() - before) / (runs + 1)
-    for name in os.listdir(home):
-        if name.startswith("stor."):
-            os.unlink(os.path.join(home, name))
-    return stor[1:], spent, load.client_cpu / (runs + 1)
+    return server.cpu_seconds() - before
+
+
+def transfers(server, load, home, quick, login_s):
+    """One round of the transfer workloads: RETR of big.bin, STOR of 1 GiB (each `runs` + 1
+    times, the first not counted: it may be the first in a while to take fresh pages for the
+    page cache, which costs far more on this virtual machine than reusing them) and 32 RETRs at
+    once. Returns the rates ({key: [MB/s, ...]}) and the CPU seconds per GiB of the server
+    (without its sessions' logins, `login_s` each) and of the client ({key: s, "client " + key:
+    s})."""
+    runs = 1 if quick else 5
+    par_runs = 1 if quick else 3
+    big = os.path.join(home, "big.bin")
+    workloads = [
+        ("retr", runs + 1, 1, ["retr", "big.bin", str(SIZE_BIG), str(runs + 1)], "retr_mbps"),
+        ("stor", runs + 1, 1, ["stor", big, "stor", str(runs + 1), home], "stor_mbps"),
+        ("par", par_runs * PAR_CLIENTS * SIZE_PAR / SIZE_BIG, PAR_CLIENTS,
+         ["par", "par", "p", str(PAR_CLIENTS), str(SIZE_PAR), str(par_runs)], "par_mbps"),
+    ]
+    rates, cpu = {}, {}
+    for key, gib, sessions, args, value_key in workloads:
+        log("  %s ..." % key)
+        before = server.cpu_seconds()
+        values = load.values(args, value_key)
+        cpu[key] = (spent_since(server, before) - sessions * login_s) / gib
+        cpu["client " + key] = load.client_cpu / gib
+        rates[key] = values if key == "par" else values[1:]
+        for name in os.listdir(home):
+            if name.startswith("stor."):
+                os.unlink(os.path.join(home, name))
+    return rates, cpu
 
 
 def measure(server, load, home, quick, extra):
     """The figures of one server, and the CPU time it spent on each workload per unit of
     work (which the machine's other load does not change much)."""
-    runs = 1 if quick else 5
     res, cpu, notes = {}, {}, []
-
-    def spent_since(before):
-        time.sleep(1.0)  # a peer's session processes end and are reaped after the client
-        return server.cpu_seconds() - before
-
-    def timed(key, units, args, value_key):
-        before = server.cpu_seconds()
-        values = load.values(args, value_key)
-        cpu[key] = spent_since(before) / units
-        cpu["client " + key] = load.client_cpu / units
-        return values
-
     log("  logins ...")
     seconds = 2 if quick else 5
     before = server.cpu_seconds()
     res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
                                        "logins_per_s"))
     logins = max(1.0, res["logins"] * seconds)
-    cpu["logins"] = spent_since(before) / logins * 1e3
+    # The peers spend a tenth of a second or more of CPU on each login, so the CPU figures of
+    # the other workloads leave out their sessions' logins at this rate.
+    login_s = spent_since(server, before) / logins
+    cpu["logins"] = login_s * 1e3
     cpu["client logins"] = load.client_cpu / logins * 1e3
     log("  list ...")
     count = 3 if quick else 15
-    lists = timed("list", count / 1e3, ["list", "many", str(count)], "list_ms")
+    before = server.cpu_seconds()
+    lists = load.values(["list", "many", str(count)], "list_ms")
+    cpu["list"] = (spent_since(server, before) - login_s) / (count / 1e3)
+    cpu["client list"] = load.client_cpu / (count / 1e3)
     res["list"] = median(lists[1:] if len(lists) > 1 else lists)
-    log("  retr ...")
-    retr = timed("retr", runs + 1, ["retr", "big.bin", str(SIZE_BIG), str(runs + 1)],
-                 "retr_mbps")
-    res["retr"] = median(retr[1:])
-    log("  stor ...")
-    stor, cpu["stor"], cpu["client stor"] = uploads(server, load, home, runs)
-    res["stor_runs"] = stor
-    res["stor"] = median(stor)
-    log("  32 x 64 MiB ...")
-    par_runs = 1 if quick else 3
-    par = timed("par", par_runs * PAR_CLIENTS * SIZE_PAR / SIZE_BIG,
-                ["par", "par", "p", str(PAR_CLIENTS), str(SIZE_PAR), str(par_runs)], "par_mbps")
-    res["par"] = median(par)
+    res["runs"], more = transfers(server, load, home, quick, login_s)
+    cpu.update(more)
     log("  idle sessions ...")
     base = server.pss_kib()
     pss, processes, _ = load.idle(IDLE_SESSIONS)
@@ -667,28 +671,42 @@ def main():
                 notes += n
             finally:
                 server.stop()
-        # Uploads get cheaper as the run goes on and more of the machine's memory has been
-        # used once (see uploads()), which favours the servers measured last. So they upload
-        # again in the reverse order, and each server's figure is the median of both rounds.
+        # The machine's state drifts during a run (other load, and uploads get cheaper as more
+        # of its memory has been used once), which favours whichever server happens to run at a
+        # good moment. So with peers the transfers run in ROUNDS rounds, every other one in the
+        # reverse order, and each figure is the median of all of a server's runs; the CPU
+        # figures are the mean of the rounds.
         if len(servers) > 1:
-            for server in reversed(servers):
-                log("%s, second round of uploads (load average %s) ..."
-                    % (server.name, load_average()))
-                server.start()
-                try:
-                    more, spent, _ = uploads(server, Load(load_binary, server), home,
-                                             1 if args.quick else 5)
-                except RuntimeError as e:
-                    # A peer that fails now (its port 20 still taken, say) keeps its first
-                    # round rather than costing the whole run.
-                    notes.append("%s: second round of uploads failed, first round kept: %s"
-                                 % (server.name, e))
-                    continue
-                finally:
-                    server.stop()
-                runs = results[server.name]["stor_runs"] + more
-                results[server.name]["stor"] = median(runs)
-                cpus[server.name]["stor"] = (cpus[server.name]["stor"] + spent) / 2
+            for round_no in range(2, ROUNDS + 1):
+                order = reversed(servers) if round_no % 2 == 0 else servers
+                for server in order:
+                    name = server.name
+                    log("%s, transfers round %d (load average %s) ..."
+                        % (name, round_no, load_average()))
+                    server.start()
+                    try:
+                        rates, more = transfers(server, Load(load_binary, server), home,
+                                                args.quick, cpus[name]["logins"] / 1e3)
+                    except RuntimeError as e:
+                        # A server that fails now keeps its other rounds rather than costing
+                        # the whole run.
+                        notes.append("%s: transfers round %d failed, left out: %s"
+                                     % (name, round_no, e))
+                        continue
+                    finally:
+                        server.stop()
+                    for key, values in rates.items():
+                        results[name]["runs"][key] += values
+                    rounds = results[name].setdefault("rounds", 1) + 1
+                    results[name]["rounds"] = rounds
+                    for key, value in more.items():
+                        cpus[name][key] += (value - cpus[name][key]) / rounds
+        for name in results:
+            runs = results[name]["runs"]
+            for key, values in runs.items():
+                results[name][key] = median(values)
+            notes.append("%s: medians of %d RETR, %d STOR and %d 32 x 64 MiB runs"
+                         % (name, len(runs["retr"]), len(runs["stor"]), len(runs["par"])))
     finally:
         shutil.rmtree(conf_root, ignore_errors=True)
 
