@@ -21,6 +21,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 ACCOUNT = "orvbench"
@@ -403,16 +404,34 @@ class Load:
     def base(self):
         return [self.binary, str(self.server.port), ACCOUNT, PASSWORD]
 
-    def values(self, args, key, timeout=600):
-        done = subprocess.run(self.base() + args, capture_output=True, text=True,
-                              timeout=timeout)
-        if done.returncode != 0:
+    def values(self, args, key, on_ready=None, timeout=600):
+        """Runs one workload and returns its `key` values. With `on_ready`, the client waits
+        once its sessions are logged in; on_ready() is called then and the work starts."""
+        env = dict(os.environ, FTP_LOAD_SYNC="1") if on_ready else None
+        proc = subprocess.Popen(self.base() + args, stdin=subprocess.PIPE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                env=env)
+        timer = threading.Timer(timeout, proc.kill)
+        timer.start()
+        try:
+            lines = []
+            for line in proc.stdout:
+                if on_ready and line.strip() == "ready":
+                    on_ready()
+                    proc.stdin.write("\n")
+                    proc.stdin.flush()
+                else:
+                    lines.append(line)
+            err = proc.stderr.read()
+            status = proc.wait()
+        finally:
+            timer.cancel()
+        if status != 0:
             raise RuntimeError("%s %s failed: %s" % (self.server.name, " ".join(args),
-                                                     done.stderr.strip()))
-        out = done.stdout
-        self.client_cpu = sum(float(line.split()[1]) for line in out.splitlines()
+                                                     err.strip()))
+        self.client_cpu = sum(float(line.split()[1]) for line in lines
                               if line.startswith("client_cpu_seconds "))
-        return [float(line.split()[1]) for line in out.splitlines() if line.startswith(key + " ")]
+        return [float(line.split()[1]) for line in lines if line.startswith(key + " ")]
 
     def idle(self, count, settle=1.0):
         """Holds `count` logged-in sessions and returns the server's PSS meanwhile."""
@@ -459,28 +478,28 @@ def spent_since(server, before):
     return server.cpu_seconds() - before
 
 
-def transfers(server, load, home, quick, login_s):
+def transfers(server, load, home, quick):
     """One round of the transfer workloads: RETR of big.bin, STOR of 1 GiB (each `runs` + 1
     times, the first not counted: it may be the first in a while to take fresh pages for the
     page cache, which costs far more on this virtual machine than reusing them) and 32 RETRs at
     once. Returns the rates ({key: [MB/s, ...]}) and the CPU seconds per GiB of the server
-    (without its sessions' logins, `login_s` each) and of the client ({key: s, "client " + key:
+    (from the moment its sessions are logged in) and of the client ({key: s, "client " + key:
     s})."""
     runs = 1 if quick else 5
     par_runs = 1 if quick else 3
     big = os.path.join(home, "big.bin")
     workloads = [
-        ("retr", runs + 1, 1, ["retr", "big.bin", str(SIZE_BIG), str(runs + 1)], "retr_mbps"),
-        ("stor", runs + 1, 1, ["stor", big, "stor", str(runs + 1), home], "stor_mbps"),
-        ("par", par_runs * PAR_CLIENTS * SIZE_PAR / SIZE_BIG, PAR_CLIENTS,
+        ("retr", runs + 1, ["retr", "big.bin", str(SIZE_BIG), str(runs + 1)], "retr_mbps"),
+        ("stor", runs + 1, ["stor", big, "stor", str(runs + 1), home], "stor_mbps"),
+        ("par", par_runs * PAR_CLIENTS * SIZE_PAR / SIZE_BIG,
          ["par", "par", "p", str(PAR_CLIENTS), str(SIZE_PAR), str(par_runs)], "par_mbps"),
     ]
     rates, cpu = {}, {}
-    for key, gib, sessions, args, value_key in workloads:
+    for key, gib, args, value_key in workloads:
         log("  %s ..." % key)
-        before = server.cpu_seconds()
-        values = load.values(args, value_key)
-        cpu[key] = (spent_since(server, before) - sessions * login_s) / gib
+        before = []
+        values = load.values(args, value_key, lambda: before.append(server.cpu_seconds()))
+        cpu[key] = spent_since(server, before[0]) / gib
         cpu["client " + key] = load.client_cpu / gib
         rates[key] = values if key == "par" else values[1:]
         for name in os.listdir(home):
@@ -499,19 +518,19 @@ def measure(server, load, home, quick, extra):
     res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
                                        "logins_per_s"))
     logins = max(1.0, res["logins"] * seconds)
-    # The peers spend a tenth of a second or more of CPU on each login, so the CPU figures of
-    # the other workloads leave out their sessions' logins at this rate.
-    login_s = spent_since(server, before) / logins
-    cpu["logins"] = login_s * 1e3
+    cpu["logins"] = spent_since(server, before) / logins * 1e3
     cpu["client logins"] = load.client_cpu / logins * 1e3
     log("  list ...")
     count = 3 if quick else 15
-    before = server.cpu_seconds()
-    lists = load.values(["list", "many", str(count)], "list_ms")
-    cpu["list"] = (spent_since(server, before) - login_s) / (count / 1e3)
+    # The peers spend a tenth of a second or more of CPU on a login, so this and the transfers
+    # count the server's CPU time from the moment the client's sessions are logged in.
+    before = []
+    lists = load.values(["list", "many", str(count)], "list_ms",
+                        lambda: before.append(server.cpu_seconds()))
+    cpu["list"] = spent_since(server, before[0]) / (count / 1e3)
     cpu["client list"] = load.client_cpu / (count / 1e3)
     res["list"] = median(lists[1:] if len(lists) > 1 else lists)
-    res["runs"], more = transfers(server, load, home, quick, login_s)
+    res["runs"], more = transfers(server, load, home, quick)
     cpu.update(more)
     log("  idle sessions ...")
     base = server.pss_kib()
@@ -686,7 +705,7 @@ def main():
                     server.start()
                     try:
                         rates, more = transfers(server, Load(load_binary, server), home,
-                                                args.quick, cpus[name]["logins"] / 1e3)
+                                                args.quick)
                     except RuntimeError as e:
                         # A server that fails now keeps its other rounds rather than costing
                         # the whole run.

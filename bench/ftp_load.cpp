@@ -14,6 +14,10 @@
 //     list DIR RUNS                LIST DIR, RUNS times
 //     idle SESSIONS                hold SESSIONS logged-in sessions until a line on stdin
 //
+// With FTP_LOAD_SYNC=1 in the environment, retr, stor, par and list print "ready" once their
+// sessions are logged in and wait for a line on stdin before the work starts, so that the
+// driver can leave the logins out of the server's CPU time.
+//
 // Results go to standard output as "key value" lines; errors to standard error and exit 1.
 // Every wait has a time-out.
 #include <algorithm>
@@ -353,8 +357,20 @@ void print(const char* key, double value) {
     std::fflush(stdout);
 }
 
+// See FTP_LOAD_SYNC above.
+void ready() {
+    const char* sync = std::getenv("FTP_LOAD_SYNC");
+    if (!sync || std::strcmp(sync, "1") != 0)
+        return;
+    std::printf("ready\n");
+    std::fflush(stdout);
+    std::string line;
+    std::getline(std::cin, line);
+}
+
 int run_retr(const Target& t, const std::string& file, long long size, int runs) {
     auto c = session(t);
+    ready();
     for (int i = 0; i < runs; ++i) {
         auto start = Clock::now();
         long long bytes = download(*c, file);
@@ -372,6 +388,7 @@ int run_retr(const Target& t, const std::string& file, long long size, int runs)
 int run_stor(const Target& t, const std::string& source, const std::string& name, int runs,
              const std::string& dir) {
     auto c = session(t);
+    ready();
     for (int i = 0; i < runs; ++i) {
         long long bytes = 0;
         std::string stored = name + "." + std::to_string(i);
@@ -448,6 +465,7 @@ int run_par(const Target& t, const std::string& dir, const std::string& prefix, 
         c->expect(250, "CWD");
         sessions[static_cast<size_t>(i)] = std::move(c);
     });
+    ready();
     for (int r = 0; r < runs; ++r) {
         Gate gate(clients);
         std::atomic<long long> total{0};
@@ -497,6 +515,7 @@ int run_logins(const Target& t, int clients, double seconds) {
 
 int run_list(const Target& t, const std::string& dir, int runs) {
     auto c = session(t);
+    ready();
     for (int i = 0; i < runs; ++i) {
         auto start = Clock::now();
         DataListener listener;
