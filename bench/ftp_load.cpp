@@ -289,19 +289,25 @@ std::unique_ptr<Control> session(const Target& t) {
     return c;
 }
 
-// One download; returns the bytes received. The time ends when both the data and the 226 are
-// in.
-long long download(Control& c, const std::string& file) {
+// PORT, then `command` (RETR, STOR or LIST with its argument); returns the data connection the
+// server has made once its 150 (or 125) is in.
+Fd open_data(Control& c, const std::string& command) {
     DataListener listener;
     c.send_line(listener.port_command());
     c.expect(200, "PORT");
-    c.send_line("RETR " + file);
+    c.send_line(command);
     int code = c.reply();
     if (code != 150 && code != 125) {
         errno = 0;
-        fail("RETR " + file + ": \"" + c.last() + "\"");
+        fail(command + ": \"" + c.last() + "\"");
     }
-    Fd data = listener.accept_one();
+    return listener.accept_one();
+}
+
+// One download; returns the bytes received. The time ends when both the data and the 226 are
+// in.
+long long download(Control& c, const std::string& file) {
+    Fd data = open_data(c, "RETR " + file);
     long long bytes = drain(data.get());
     data.reset(); // some servers wait for the client's close before their 226
     c.expect(226, "end of RETR");
@@ -313,16 +319,7 @@ void upload(Control& c, const std::string& source, const std::string& name, long
     struct stat st {};
     if (file.get() < 0 || ::fstat(file.get(), &st) != 0)
         fail("open " + source);
-    DataListener listener;
-    c.send_line(listener.port_command());
-    c.expect(200, "PORT");
-    c.send_line("STOR " + name);
-    int code = c.reply();
-    if (code != 150 && code != 125) {
-        errno = 0;
-        fail("STOR " + name + ": \"" + c.last() + "\"");
-    }
-    Fd data = listener.accept_one();
+    Fd data = open_data(c, "STOR " + name);
     // The source's first MiB, sent over and over with MSG_MORE until the source's size has gone.
     // On loopback the sender pays for most of a stream: with a read of the file per block the
     // client would be the bottleneck of an upload (the read copy was a third of its CPU time),
@@ -516,16 +513,7 @@ int run_list(const Target& t, const std::string& dir, int runs) {
     ready();
     for (int i = 0; i < runs; ++i) {
         auto start = Clock::now();
-        DataListener listener;
-        c->send_line(listener.port_command());
-        c->expect(200, "PORT");
-        c->send_line("LIST " + dir);
-        int code = c->reply();
-        if (code != 150 && code != 125) {
-            errno = 0;
-            fail("LIST: \"" + c->last() + "\"");
-        }
-        Fd data = listener.accept_one();
+        Fd data = open_data(*c, "LIST " + dir);
         long long lines = 0;
         read_counting_lines(data.get(), lines);
         data.reset();
