@@ -71,11 +71,7 @@ bool close_session(FtpContext& ctx, const SlotPtr& slot) {
     }
     if (slot->stop == 1)
         slot->state = 3;
-    // Only a login that raised the count lowers it: a bare USER must not push it down.
-    if (slot->login_counted.exchange(false)) {
-        if (std::shared_ptr<User> user = slot->user())
-            --user->active_logins;
-    }
+    slot->give_back_login();
     slot->send_text(ftp_text::kGoodbyeBanner);
     slot->send_text(ftp_text::kGoodbye);
     server.update_title();

@@ -13,19 +13,6 @@
 
 namespace orv {
 
-namespace {
-
-// A session gives back the login it counted before it counts another one, so that a repeated
-// USER or PASS can neither leak a count nor push somebody else's down.
-void drop_counted_login(ConnSlot& slot) {
-    if (slot.login_counted.exchange(false)) {
-        if (std::shared_ptr<User> user = slot.user())
-            --user->active_logins;
-    }
-}
-
-} // namespace
-
 void ftp_user(FtpContext& ctx, const SlotPtr& slot, const std::string& name) {
     std::shared_ptr<User> user;
     {
@@ -33,9 +20,11 @@ void ftp_user(FtpContext& ctx, const SlotPtr& slot, const std::string& name) {
         if (ctx.server.accounts)
             user = ctx.server.accounts->find_user(name);
     }
-    // Naming an account starts a new login: nothing of an earlier one carries over.
+    // Naming an account starts a new login: nothing of an earlier one carries over. The login
+    // an earlier PASS counted is given back before another is counted, so that a repeated USER
+    // or PASS can neither leak a count nor push somebody else's down.
     slot->logged_in = false;
-    drop_counted_login(*slot);
+    slot->give_back_login();
     slot->set_user(std::move(user));
     slot->login_name = name;
     slot->state = 2;
@@ -59,7 +48,7 @@ void ftp_pass(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& 
         }
     }
     slot->logged_in = false;
-    drop_counted_login(*slot);
+    slot->give_back_login();
     if (!accepted) {
         ftp_login_failed(*ctx, slot);
         return;
@@ -97,17 +86,7 @@ void ftp_pass(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& 
 void ftp_login_failed(FtpContext& ctx, const SlotPtr& slot) {
     Server& server = ctx.server;
     int socket = slot->socket;
-    std::shared_ptr<User> user = slot->user();
-    if (user) {
-        std::string name;
-        {
-            std::shared_lock lock(server.tree_mutex);
-            name = user->name;
-        }
-        server.log.logf("(%i) Login failure for user (%s)", socket, name.c_str());
-    } else {
-        server.log.logf("(%i) Login failure for unknown user", socket);
-    }
+    server.log_login_failure(*slot);
     slot->state = 1;
     slot->send_text(ftp_text::kLoginIncorrect);
     server.log.logf("Ftp Close port %i", socket);

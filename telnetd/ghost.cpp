@@ -26,12 +26,7 @@ bool in_table(const Server& server, const SlotPtr& slot) {
 void free_slot(Server& server, const SlotPtr& slot) {
     server.conns.remove(slot);
     slot->stop = 1;
-    // Only a login that raised the count lowers it again, so an account can never get more
-    // sessions than its limit by failing passwords.
-    if (slot->login_counted.exchange(false)) {
-        if (std::shared_ptr<User> user = slot->user())
-            --user->active_logins;
-    }
+    slot->give_back_login();
     slot->take_messages();
     client::close_outgoing(server, slot);
     server.update_title(false);

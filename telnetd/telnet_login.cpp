@@ -72,17 +72,7 @@ void login_password(Server& server, const SlotPtr& slot, const std::string& type
 void login_failure(Server& server, const SlotPtr& slot) {
     int tries = ++slot->fail_count;
     int socket = slot->socket;
-    std::shared_ptr<User> user = slot->user();
-    if (user) {
-        std::string name;
-        {
-            std::shared_lock lock(server.tree_mutex);
-            name = user->name;
-        }
-        server.log.logf("(%i) Login failure for user (%s)", socket, name.c_str());
-    } else {
-        server.log.logf("(%i) Login failure for unknown user", socket);
-    }
+    server.log_login_failure(*slot);
     if (tries >= 3) {
         server.log.logf("Telnet Close port %i", socket);
         slot->close_control();
