@@ -478,6 +478,18 @@ def spent_since(server, before):
     return server.cpu_seconds() - before
 
 
+def timed(server, load, cpu, key, units, args, value_key):
+    """Runs one workload and returns its `value_key` values; sets cpu[key] and
+    cpu["client " + key] to the server's and the client's CPU seconds per unit. The server's
+    time counts from the moment the client's sessions are logged in: the peers spend a tenth of
+    a second or more of CPU on a login."""
+    before = []
+    values = load.values(args, value_key, lambda: before.append(server.cpu_seconds()))
+    cpu[key] = spent_since(server, before[0]) / units
+    cpu["client " + key] = load.client_cpu / units
+    return values
+
+
 def transfers(server, load, home, quick):
     """One round of the transfer workloads: RETR of big.bin, STOR of 1 GiB (each `runs` + 1
     times, the first not counted: it may be the first in a while to take fresh pages for the
@@ -497,14 +509,11 @@ def transfers(server, load, home, quick):
     rates, cpu = {}, {}
     for key, gib, args, value_key in workloads:
         log("  %s ..." % key)
-        before = []
-        values = load.values(args, value_key, lambda: before.append(server.cpu_seconds()))
-        cpu[key] = spent_since(server, before[0]) / gib
-        cpu["client " + key] = load.client_cpu / gib
+        values = timed(server, load, cpu, key, gib, args, value_key)
         rates[key] = values if key == "par" else values[1:]
-        for name in os.listdir(home):
-            if name.startswith("stor."):
-                os.unlink(os.path.join(home, name))
+    for name in os.listdir(home):  # uploads left by a client that failed half-way
+        if name.startswith("stor."):
+            os.unlink(os.path.join(home, name))
     return rates, cpu
 
 
@@ -522,13 +531,8 @@ def measure(server, load, home, quick, extra):
     cpu["client logins"] = load.client_cpu / logins * 1e3
     log("  list ...")
     count = 3 if quick else 15
-    # The peers spend a tenth of a second or more of CPU on a login, so this and the transfers
-    # count the server's CPU time from the moment the client's sessions are logged in.
-    before = []
-    lists = load.values(["list", "many", str(count)], "list_ms",
-                        lambda: before.append(server.cpu_seconds()))
-    cpu["list"] = spent_since(server, before[0]) / (count / 1e3)
-    cpu["client list"] = load.client_cpu / (count / 1e3)
+    lists = timed(server, load, cpu, "list", count / 1e3, ["list", "many", str(count)],
+                  "list_ms")
     res["list"] = median(lists[1:] if len(lists) > 1 else lists)
     res["runs"], more = transfers(server, load, home, quick)
     cpu.update(more)
@@ -696,6 +700,7 @@ def main():
         # reverse order, and each figure is the median of all of a server's runs; the CPU
         # figures are the mean of the rounds.
         if len(servers) > 1:
+            rounds = {server.name: 1 for server in servers}
             for round_no in range(2, ROUNDS + 1):
                 order = reversed(servers) if round_no % 2 == 0 else servers
                 for server in order:
@@ -716,10 +721,9 @@ def main():
                         server.stop()
                     for key, values in rates.items():
                         results[name]["runs"][key] += values
-                    rounds = results[name].setdefault("rounds", 1) + 1
-                    results[name]["rounds"] = rounds
+                    rounds[name] += 1
                     for key, value in more.items():
-                        cpus[name][key] += (value - cpus[name][key]) / rounds
+                        cpus[name][key] += (value - cpus[name][key]) / rounds[name]
         for name in results:
             runs = results[name]["runs"]
             for key, values in runs.items():
