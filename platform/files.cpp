@@ -1,8 +1,11 @@
 #include "platform/files.hpp"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace orv {
@@ -74,6 +77,30 @@ bool write_file_atomic(const std::filesystem::path& path, std::string_view conte
         return false;
     }
     return true;
+}
+
+int open_beneath(const std::string& base, std::string_view relative, int flags, unsigned mode) {
+    int dir = ::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0)
+        return -1;
+    std::string rel(relative.empty() ? "." : relative);
+    open_how how{};
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC | O_NOFOLLOW);
+    how.mode = (flags & (O_CREAT | O_TMPFILE)) ? mode : 0;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    long fd;
+    do
+        fd = ::syscall(SYS_openat2, dir, rel.c_str(), &how, sizeof how);
+    while (fd < 0 && errno == EINTR);
+    int saved = errno;
+    ::close(dir);
+    errno = saved;
+    return static_cast<int>(fd);
+}
+
+bool is_regular_file(int fd) {
+    struct stat st {};
+    return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
 }
 
 } // namespace orv

@@ -25,4 +25,14 @@ std::string_view cut_line_end(std::string_view line);
 bool write_file_atomic(const std::filesystem::path& path, std::string_view content,
                        unsigned mode = 0644);
 
+// Opens `relative` below the directory `base` (an empty `relative` opens `base` itself) so that
+// nothing a client names can lead out of it: a symbolic link is never followed at the last
+// component, and one on the way is followed only while it stays below `base` (openat2 with
+// RESOLVE_BENEATH). `flags` are open(2) flags; O_CLOEXEC and O_NOFOLLOW are added. Returns the
+// descriptor, or -1 with errno set (ELOOP for a link, EXDEV for a way out of `base`).
+int open_beneath(const std::string& base, std::string_view relative, int flags, unsigned mode = 0);
+
+// True when the descriptor is open on a regular file (not a directory, FIFO or device).
+bool is_regular_file(int fd);
+
 } // namespace orv

@@ -104,7 +104,7 @@ std::string node_virtual_path(const VfsNode& node, char sep) {
     return out;
 }
 
-std::string node_real_path(const VfsTree& tree, const VfsNode& node) {
+HostPath node_host_path(const VfsTree& tree, const VfsNode& node) {
     std::vector<NodePtr> chain = chain_to_top(node);
     const VfsNode* top = chain.empty() ? &node : chain.back().get();
     if (!tree.root || top != tree.root.get())
@@ -121,16 +121,26 @@ std::string node_real_path(const VfsTree& tree, const VfsNode& node) {
         below.push_back(cur);
         cur = p.get();
     }
-    const std::string& base = mount ? mount->real_dir : tree.home;
-    if (base.empty())
+    HostPath out;
+    out.base = mount ? mount->real_dir : tree.home;
+    if (out.base.empty())
         return {};
-    std::string out = base;
     for (auto it = below.rbegin(); it != below.rend(); ++it) {
-        if (out.back() != '/')
-            out += '/';
-        out += (*it)->name;
+        if (!out.relative.empty())
+            out.relative += '/';
+        out.relative += (*it)->name;
     }
     return out;
+}
+
+std::string HostPath::joined() const {
+    if (base.empty() || relative.empty())
+        return base;
+    return base.back() == '/' ? base + relative : base + '/' + relative;
+}
+
+std::string node_real_path(const VfsTree& tree, const VfsNode& node) {
+    return node_host_path(tree, node).joined();
 }
 
 } // namespace orv

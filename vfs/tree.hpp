@@ -43,6 +43,16 @@ std::string node_virtual_path(const VfsNode& node, char sep);
 // joined with "/". Empty when the node is no longer linked into the tree or its base
 // directory is empty, so that host operations on it fail instead of reaching a wrong file.
 std::string node_real_path(const VfsTree& tree, const VfsNode& node);
+// The same host path in two parts: the base directory (the server home or the mount's real
+// directory) and the path below it ("" for the base itself), for opening with open_beneath()
+// so that a symbolic link made on the host after the scan cannot lead out of the base.
+struct HostPath {
+    std::string base;
+    std::string relative;
+    bool empty() const { return base.empty(); }
+    std::string joined() const;
+};
+HostPath node_host_path(const VfsTree& tree, const VfsNode& node);
 
 // ---- Permissions (vfs/permissions.cpp) ----
 
