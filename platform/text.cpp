@@ -83,4 +83,17 @@ std::string to_upper_ascii(std::string_view text) {
     return out;
 }
 
+std::string log_safe(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte < 32 || byte == 127)
+            out += strf("\\x%02X", byte);
+        else
+            out += c;
+    }
+    return out;
+}
+
 } // namespace orv

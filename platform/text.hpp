@@ -22,4 +22,8 @@ bool contains_any(std::string_view text, std::string_view chars);
 // Upper-cases ASCII letters only.
 std::string to_upper_ascii(std::string_view text);
 
+// A client's text made safe for one log line: bytes below 32 and 127 become "\xNN" (two
+// upper-case hex digits), so that no client can end a line of the log or forge another.
+std::string log_safe(std::string_view text);
+
 } // namespace orv

@@ -84,6 +84,12 @@ std::string next_word(std::string& text) {
     return word;
 }
 
+bool virtual_path_fits(const VfsNode& dir, std::string_view name, size_t depth_below) {
+    std::string parent = node_virtual_path(dir, '\\');
+    size_t length = parent.size() + (parent.size() > 1 ? 1 : 0) + name.size() + depth_below;
+    return length <= kMaxVirtualPath;
+}
+
 std::string node_virtual_path(const VfsNode& node, char sep) {
     std::vector<const VfsNode*> parts;
     std::vector<NodePtr> chain = chain_to_top(node);

@@ -37,6 +37,12 @@ NodePtr find_child(const VfsNode& dir, std::string_view name);
 // to the closing quote (quotes removed), otherwise it ends at the first blank. Leading blanks
 // are skipped.
 std::string next_word(std::string& text);
+// The longest virtual path the tree holds; a command that would make a longer one is refused.
+constexpr size_t kMaxVirtualPath = 4096;
+// True when a new entry `name` in `dir` (or `dir` moved there with that name) keeps its
+// virtual path within kMaxVirtualPath bytes; `depth_below` adds the longest path below a
+// directory being moved or copied.
+bool virtual_path_fits(const VfsNode& dir, std::string_view name, size_t depth_below = 0);
 // "\data\pub" (sep '\\') or "/data/pub"; the root gives the separator alone.
 std::string node_virtual_path(const VfsNode& node, char sep);
 // The host path: the server home (or the mount's real directory) and the path below it,
