@@ -105,7 +105,7 @@ long long write_all(int fd, const char* p, size_t size) {
 
 } // namespace
 
-long long send_file(const std::string& path, int data_fd, TransferStop stop) {
+long long send_file(const std::string& path, int data_fd, TransferStop stop, long long offset) {
     // Non-blocking open, so that a FIFO in the tree cannot hold the thread; only regular files
     // are sent.
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -116,18 +116,27 @@ long long send_file(const std::string& path, int data_fd, TransferStop stop) {
         ::close(fd);
         return 0;
     }
+    if (offset > 0 && ::lseek(fd, offset, SEEK_SET) != offset) {
+        ::close(fd);
+        return 0;
+    }
     set_wakeups(data_fd);
-    long long total = send_by_blocks(fd, data_fd, st.st_size, stop);
+    long long total = send_by_blocks(fd, data_fd, st.st_size - offset, stop);
     ::close(fd);
     return total;
 }
 
-Received receive_file(int data_fd, const std::string& path, TransferStop stop) {
+Received receive_file(int data_fd, const std::string& path, TransferStop stop, long long position) {
     Received got;
-    int fd = ::open(path.c_str(),
-                    O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+    int mode = position == kWriteFromStart ? O_TRUNC : position == kWriteAppend ? O_APPEND : 0;
+    int fd =
+        ::open(path.c_str(), O_WRONLY | O_CREAT | mode | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
     if (fd < 0)
         return got;
+    if (position >= 0 && (::ftruncate(fd, position) != 0 || ::lseek(fd, position, SEEK_SET) < 0)) {
+        ::close(fd);
+        return got;
+    }
     got.opened = true;
     set_wakeups(data_fd);
     TransferBuffer block(kBlock);

@@ -28,8 +28,9 @@ struct TransferStop {
         return (session && session->load() != 0) || (server && server->load());
     }
 };
-// Sends a regular file; returns the bytes sent (0 when it cannot be opened).
-long long send_file(const std::string& path, int data_fd, TransferStop stop);
+// Sends a regular file from byte `offset` on (a restarted download); returns the bytes sent (0
+// when it cannot be opened).
+long long send_file(const std::string& path, int data_fd, TransferStop stop, long long offset = 0);
 // What an upload came to.
 struct Received {
     long long bytes = 0;   // read from the data connection
@@ -37,8 +38,13 @@ struct Received {
     bool opened = false;   // the file could be opened at all
     bool write_failed = false;
 };
-// Receives into `path` (created or truncated; a symbolic link is never followed). After a failed
+// Where an upload goes in its file: from the start (the file is truncated), after its end
+// (APPE), or from a restart offset (the file is cut there first).
+constexpr long long kWriteFromStart = -1;
+constexpr long long kWriteAppend = -2;
+// Receives into `path` (created if need be; a symbolic link is never followed). After a failed
 // write the upload ends at once.
-Received receive_file(int data_fd, const std::string& path, TransferStop stop);
+Received receive_file(int data_fd, const std::string& path, TransferStop stop,
+                      long long position = kWriteFromStart);
 
 } // namespace orv
