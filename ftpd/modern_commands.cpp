@@ -276,6 +276,7 @@ std::string rest_reply(const std::string& arg, long long& rest) {
 }
 
 std::string size_reply(Server& server, ConnSlot& slot, const std::string& path) {
+    live_refresh(server, slot, path);
     std::shared_ptr<User> user = slot.checked_user();
     HostPath host;
     {
@@ -295,6 +296,7 @@ std::string size_reply(Server& server, ConnSlot& slot, const std::string& path) 
 }
 
 std::string mdtm_reply(Server& server, ConnSlot& slot, const std::string& path) {
+    live_refresh(server, slot, path);
     std::shared_ptr<User> user = slot.checked_user();
     HostPath host;
     {
@@ -319,6 +321,7 @@ std::string mfmt_reply(Server& server, ConnSlot& slot, const std::string& arg) {
     if (blank == std::string::npos || !parse_utc_stamp(arg.substr(0, blank), when))
         return "501 Syntax: MFMT YYYYMMDDHHMMSS path\r\n";
     std::string path(trim_blanks(std::string_view(arg).substr(blank + 1)));
+    live_refresh(server, slot, path);
     std::shared_ptr<User> user = slot.checked_user();
     HostPath dir;
     std::string name;
@@ -344,6 +347,7 @@ std::string mfmt_reply(Server& server, ConnSlot& slot, const std::string& arg) {
 }
 
 std::string rnfr_reply(Server& server, ConnSlot& slot, const std::string& path) {
+    live_refresh(server, slot, path);
     std::shared_ptr<User> user = slot.checked_user();
     std::shared_lock lock(server.tree_mutex);
     slot.ftp_extras->rename_from.reset();
@@ -359,6 +363,7 @@ std::string rnfr_reply(Server& server, ConnSlot& slot, const std::string& path) 
 }
 
 std::string rnto_reply(Server& server, ConnSlot& slot, const std::string& path) {
+    live_refresh(server, slot, path);
     NodePtr src = slot.ftp_extras->rename_from.lock();
     slot.ftp_extras->rename_from.reset();
     if (!src)
@@ -410,6 +415,7 @@ std::string rnto_reply(Server& server, ConnSlot& slot, const std::string& path) 
 }
 
 std::string modern_delete(Server& server, ConnSlot& slot, const std::string& path) {
+    live_refresh(server, slot, path);
     std::shared_ptr<User> user = slot.checked_user();
     NodePtr node;
     HostPath dir;
@@ -555,8 +561,10 @@ bool modern_dispatch(const FtpContextPtr& ctx, const SlotPtr& slot, const std::s
     for (const ClassicThread& c : kClassicThreads) {
         if (verb == c.verb) {
             ClassicBody body = c.body;
-            spawn(ctx, slot, fail_text(c.name).c_str(),
-                  [ctx, slot, job = job_for(s, arg), body] { body(ctx, slot, job); });
+            spawn(ctx, slot, fail_text(c.name).c_str(), [ctx, slot, job = job_for(s, arg), body] {
+                live_refresh(ctx->server, *slot, job.arg);
+                body(ctx, slot, job);
+            });
             return true;
         }
     }

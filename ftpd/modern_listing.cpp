@@ -228,6 +228,7 @@ void modern_list_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
     std::string path =
         kind == ListingKind::Machine ? std::string(trim_blanks(job.arg)) : listing_path(job.arg);
     ListedDir dir;
+    live_refresh(server, *slot, path);
     {
         std::shared_lock lock(server.tree_mutex);
         dir = collect_listing(server, user.get(), slot->cwd(), path, kind);
@@ -263,6 +264,7 @@ std::string mlst_reply(Server& server, ConnSlot& slot, const std::string& path) 
     std::shared_ptr<User> user = slot.checked_user();
     ListedEntry entry;
     HostPath host;
+    live_refresh(server, slot, path);
     {
         std::shared_lock lock(server.tree_mutex);
         NodePtr cwd = slot.cwd();
@@ -287,6 +289,7 @@ std::string mlst_reply(Server& server, ConnSlot& slot, const std::string& path) 
 std::string stat_path_reply(Server& server, ConnSlot& slot, const std::string& path) {
     std::shared_ptr<User> user = slot.checked_user();
     ListedDir dir;
+    live_refresh(server, slot, listing_path(path));
     {
         std::shared_lock lock(server.tree_mutex);
         dir =

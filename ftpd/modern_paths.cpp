@@ -3,6 +3,7 @@
 #include "core/server.hpp"
 #include "platform/files.hpp"
 #include "platform/text.hpp"
+#include "vfs/live_tree.hpp"
 
 #include <fcntl.h>
 #include <shared_mutex>
@@ -25,6 +26,11 @@ NodePtr resolve_path(const Server& server, const User* user, const NodePtr& cwd,
     if (!cwd && !is_separator(path.front()))
         return nullptr;
     return find_node(*server.vfs, path, cwd);
+}
+
+void live_refresh(Server& server, const ConnSlot& slot, std::string_view path) {
+    if (server.settings.ext.live_tree)
+        refresh_along(server, slot.cwd(), path);
 }
 
 NewEntry resolve_new_entry(const Server& server, const User* user, const NodePtr& cwd,

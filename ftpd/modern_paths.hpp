@@ -11,11 +11,16 @@
 namespace orv {
 
 class Server;
+class ConnSlot;
 struct User;
 
 // The node a session's path names; nothing resolves before a completed login. Tree lock held.
 NodePtr resolve_path(const Server& server, const User* user, const NodePtr& cwd,
                      std::string_view path);
+
+// With live_tree on, brings the directories `path` passes through in step with the host first.
+// Call without the tree lock.
+void live_refresh(Server& server, const ConnSlot& slot, std::string_view path);
 
 // A path for something new, split into the directory that must hold it and the new name.
 // Tree lock held. `dir` is null when the directory does not exist; `name` is the last

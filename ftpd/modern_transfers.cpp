@@ -38,6 +38,7 @@ void modern_retr_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
     NodePtr node;
     std::string real;
     HostPath host;
+    live_refresh(server, *slot, job.arg);
     {
         std::shared_lock lock(server.tree_mutex);
         node = resolve_path(server, user.get(), slot->cwd(), job.arg);
@@ -91,6 +92,7 @@ void modern_stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
     NodePtr existing;
     std::string name;
     std::string real;
+    live_refresh(server, *slot, job.arg);
     {
         std::shared_lock lock(server.tree_mutex);
         NewEntry target = resolve_new_entry(server, user.get(), slot->cwd(), job.arg);
