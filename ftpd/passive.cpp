@@ -121,8 +121,10 @@ void schedule_expiry(const FtpContextPtr& ctx, const SlotPtr& slot,
                 return;
             ex.passive.reset();
         }
+        int port = l->port;
+        l.reset(); // closed before it is said to be
         ctx->server.log.logf("(%i) Passive port %i closed: no data connection came",
-                             s->socket.load(), l->port);
+                             s->socket.load(), port);
     });
 }
 
