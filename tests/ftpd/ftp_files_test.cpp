@@ -154,6 +154,7 @@ TEST_F(FtpFiles, PortAddressesReadClassicallyAndPrivilegedPortsRefused) {
         "127,0,0,1," + std::to_string(low_port / 256) + "," + std::to_string(low_port % 256);
     std::string wrapped = "127,0,0,1,0," + std::to_string(low_port + 65536);
     const std::string done = "(" + std::to_string(socket) + ") NLST thread complete";
+    ASSERT_TRUE(server.wait_for_log(done)); // the first listing's thread has ended
     for (std::string arg : {"127,0,0,010" + port, low_arg, wrapped}) {
         size_t mark = server.log_lines().size();
         EXPECT_EQ(c.cmd("PORT " + arg), "200 Port Command OK.\r\n");
