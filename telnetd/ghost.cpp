@@ -3,6 +3,7 @@
 #include "accounts/user.hpp"
 #include "client/outgoing.hpp"
 #include "core/server.hpp"
+#include "telnetd/telnet_conn.hpp"
 #include "telnetd/telnet_input.hpp"
 
 #include <chrono>
@@ -42,6 +43,42 @@ bool ghost_sleep(const Server& server) {
     return !server.stopping;
 }
 
+void ghost_thread(Server& server, const SlotPtr& slot);
+
+void watch_ghost(Server& server, const SlotPtr& slot) {
+    if (!server.workers.spawn([&server, slot] { ghost_thread(server, slot); }))
+        server.log_message("**** Failed to create Ghost user Thread ****");
+}
+
+// Runs the lines the user typed ahead before going, one by one as the prompt would have, while
+// the ghost sits at the shell prompt. True when the slot is still there, at the prompt or
+// waiting for input that will never come: then it can be freed.
+bool run_typed_ahead(Server& server, const SlotPtr& slot, bool& freed) {
+    freed = false;
+    while (slot->state == kStateShell && slot->line_buf.find('\r') != std::string::npos) {
+        take_typed_line(server, slot);
+        if (!in_table(server, slot)) {
+            freed = true; // the line was "exit"
+            return false;
+        }
+    }
+    return slot->state <= kStateOftpConnected;
+}
+
+// The ghost's completion event, on the event thread. The slot's own typed-ahead runs before it
+// goes; a command started by it is waited for like the one that was running at the close.
+void ghost_done(Server& server, const SlotPtr& slot, int remembered) {
+    if (in_table(server, slot) && slot->ghost && slot->state == kStateShell) {
+        bool freed = false;
+        if (!run_typed_ahead(server, slot, freed)) {
+            if (!freed)
+                watch_ghost(server, slot);
+            return;
+        }
+    }
+    close_telnet_socket(server, remembered);
+}
+
 // The "AutoKill" thread: waits for the command to end, then hands the removal to the event
 // thread.
 void ghost_thread(Server& server, const SlotPtr& slot) {
@@ -54,7 +91,7 @@ void ghost_thread(Server& server, const SlotPtr& slot) {
     }
     if (state == kStateOftpConnected || state == kStateRelay)
         client::ghost_logoff(server, slot);
-    server.post([&server, remembered] { close_telnet_socket(server, remembered); });
+    server.post([&server, slot, remembered] { ghost_done(server, slot, remembered); });
     server.log.logf("(%i) Ghost user AutoKill thread complete", remembered);
 }
 
@@ -77,8 +114,8 @@ bool close_telnet_conn(Server& server, const SlotPtr& slot) {
     slot->ghost = 1;
     slot->hash_on = 0;
     slot->prompting = 0;
-    // Typed-ahead input dies with the client: a ghost runs no further commands.
-    slot->line_buf.clear();
+    // Lines typed ahead stay: they run when the command ends, as they would have with the
+    // user still there.
     if (server.workers.spawn([&server, slot] { ghost_thread(server, slot); }))
         server.log.logf("(%i) Ghost user thread started", slot->socket.load());
     else

@@ -154,9 +154,14 @@ void handle_read(Server& server, const SlotPtr& slot, const char* data, size_t s
         take_command_line(server, slot);
 }
 
+void take_typed_line(Server& server, const SlotPtr& slot) {
+    if (slot->state <= kStateOftpConnected)
+        take_command_line(server, slot);
+}
+
 void process_pending_line(Server& server, const SlotPtr& slot) {
     if (slot->ghost)
-        return; // nobody is there to have typed it
+        return; // the ghost's own completion takes its lines, one after each command
     uint8_t state = slot->state;
     if (state == kStateMorePage)
         take_more_key(slot);
