@@ -5,6 +5,7 @@
 #include "core/conn_table.hpp"
 #include "core/log.hpp"
 #include "core/settings.hpp"
+#include "core/tree_mutex.hpp"
 #include "core/workers.hpp"
 
 #include <array>
@@ -55,7 +56,7 @@ class Server {
 
     // Guards the tree and the accounts: shared for look-ups and listings, exclusive for
     // changes. Never held across a network send, a host file copy or a sleep.
-    mutable std::shared_mutex tree_mutex;
+    mutable TreeMutex tree_mutex;
     std::shared_ptr<Accounts> accounts;
     std::shared_ptr<VfsTree> vfs;
 
