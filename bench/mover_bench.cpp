@@ -159,7 +159,8 @@ int main(int argc, char** argv) {
     const std::pair<const char*, ReceiveMethod> receives[] = {
         {"STOR recv+write", ReceiveMethod::recv_write},
         {"STOR recv+write-behind", ReceiveMethod::recv_write_behind},
-        {"STOR splice 1 MiB", ReceiveMethod::splice_pipe}};
+        {"STOR splice 1 MiB", ReceiveMethod::splice_pipe},
+        {"STOR recv+direct 1 MiB", ReceiveMethod::recv_direct}};
     std::map<std::string, std::vector<Sample>> got;
     for (int round = 0; round < rounds; ++round) {
         // Every other round in reverse order, so that drift favours nobody.
@@ -167,8 +168,8 @@ int main(int argc, char** argv) {
             auto& [name, m] = sends[round % 2 ? 3 - i : i];
             got[name].push_back(download(file, size, m));
         }
-        for (int i = 0; i < 3; ++i) {
-            auto& [name, m] = receives[round % 2 ? 2 - i : i];
+        for (int i = 0; i < 4; ++i) {
+            auto& [name, m] = receives[round % 2 ? 3 - i : i];
             got[name].push_back(upload(work, size, m));
         }
     }
