@@ -4,8 +4,10 @@
 #include "ftp_test_client.hpp"
 #include "vfs/tree.hpp"
 
+#include <future>
 #include <gtest/gtest.h>
 #include <shared_mutex>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace orv;
@@ -293,4 +295,114 @@ TEST_F(FtpFiles, DeletingFiles) {
     set_mode("\\pub\\sub", "rwxrwxrwx");
     EXPECT_EQ(c.cmd("DELE sub"), "550 Permissions denied (delete failed)\r\n");
     EXPECT_TRUE(node("\\pub\\sub"));
+}
+
+namespace {
+
+void add_file_node(TestServer& server, const std::string& dir, const std::string& name) {
+    std::unique_lock lock(server.server().tree_mutex);
+    NodePtr d = find_node(*server.server().vfs, dir, server.server().vfs->root);
+    NodePtr n = add_node(*server.server().vfs, *server.server().accounts, d, name, '-', 10, nullptr,
+                         nullptr);
+    for (size_t i = 0; i < 9; ++i)
+        n->flags[i] = true;
+}
+
+} // namespace
+
+TEST_F(FtpFiles, DownloadsOnlyWholeRegularFilesBelowTheHome) {
+    c.cmd("CWD pub");
+    c.cmd("TYPE I");
+    const std::string aborted = "451 Transfer aborted: the file could not be read\r\n";
+    // Replaced on the host by a link out of the home after start-up.
+    server.dir().write("secret.txt", "secret");
+    fs::remove(server.home() / "pub" / "notes.txt");
+    fs::create_symlink(server.dir() / "secret.txt", server.home() / "pub" / "notes.txt");
+    auto t = c.download("RETR notes.txt");
+    EXPECT_EQ(t.preliminary, "150 Opening BINARY mode data connection (19 bytes)\r\n");
+    EXPECT_EQ(t.data, "");
+    EXPECT_EQ(t.final_reply, aborted);
+    EXPECT_TRUE(log_starts("(" + std::to_string(socket) + ") 0 bytes received in "));
+    // A FIFO (no writer: must not hold the thread), a directory, a file gone from the host.
+    ASSERT_EQ(::mkfifo((server.home() / "pub" / "fifo").c_str(), 0666), 0);
+    add_file_node(server, "\\pub", "fifo");
+    fs::remove(server.home() / "pub" / "hello.bin");
+    for (const char* name : {"fifo", "sub", "hello.bin"}) {
+        t = c.download(std::string("RETR ") + name);
+        EXPECT_EQ(t.preliminary.substr(0, 4), "150 ") << name;
+        EXPECT_EQ(t.data, "") << name;
+        EXPECT_EQ(t.final_reply, aborted) << name;
+    }
+    EXPECT_EQ(c.cmd("PWD"), "257 \"/pub\" is current directory.\r\n"); // the session goes on
+}
+
+TEST_F(FtpFiles, UploadsReplaceTheTargetOnlyWhenWhole) {
+    c.cmd("CWD pub");
+    c.cmd("TYPE I");
+    const std::string old_notes = "line one\nline two\r\n";
+    // Onto a directory's name: refused before anything moves.
+    EXPECT_EQ(c.upload("STOR sub", "x").preliminary, "550 Permissions denied\r\n");
+    EXPECT_TRUE(fs::is_directory(server.home() / "pub" / "sub"));
+
+    // A client that breaks off mid-upload: the old file stays whole, no temporary is left.
+    DataListener data;
+    c.cmd("PORT " + data.port_arg());
+    EXPECT_EQ(c.cmd("STOR notes.txt"), "150 Opening BINARY mode data connection\r\n");
+    ASSERT_TRUE(data.accept());
+    data.send_and_reset(pattern_bytes(300000));
+    EXPECT_EQ(c.line(), "426 Connection closed; transfer aborted.\r\n");
+    EXPECT_EQ(server.dir().read("home/pub/notes.txt"), old_notes);
+    EXPECT_EQ(node("\\pub\\notes.txt")->size, 19u);
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& e : fs::directory_iterator(server.home() / "pub"))
+        ++count;
+    EXPECT_EQ(count, 3u); // hello.bin, notes.txt, sub
+
+    // The directory is removed by someone else while the upload runs: not stored anywhere.
+    EXPECT_EQ(c.cmd("MKD drop"), "257 \"drop\" directory created.\r\n");
+    EXPECT_EQ(c.cmd("CWD drop"), "250 CWD command successful\r\n");
+    DataListener late;
+    c.cmd("PORT " + late.port_arg());
+    EXPECT_EQ(c.cmd("STOR late.txt"), "150 Opening BINARY mode data connection\r\n");
+    ASSERT_TRUE(late.accept());
+    {
+        NodePtr drop = node("\\pub\\drop");
+        std::unique_lock lock(server.server().tree_mutex);
+        unlink_node(drop, nullptr);
+    }
+    fs::remove_all(server.home() / "pub" / "drop");
+    late.send_and_close("late bytes");
+    EXPECT_EQ(c.line(), "452 Transfer aborted: the file could not be written\r\n");
+    EXPECT_FALSE(fs::exists(server.home() / "pub" / "drop"));
+    EXPECT_FALSE(fs::exists(server.home() / "pub" / "late.txt"));
+}
+
+TEST_F(FtpFiles, TwoSessionsStoringOneNewNameLeaveOneWholeFile) {
+    FtpClient other;
+    other.open(server.ftp_port());
+    other.login("admin", "admin-pass");
+    std::string mine = pattern_bytes(2 << 20);
+    std::string theirs(3 << 20, 'z');
+    for (FtpClient* s : {&c, &other}) {
+        s->cmd("CWD pub");
+        s->cmd("TYPE I");
+    }
+    DataListener d1, d2;
+    c.cmd("PORT " + d1.port_arg());
+    other.cmd("PORT " + d2.port_arg());
+    EXPECT_EQ(c.cmd("STOR race.bin"), "150 Opening BINARY mode data connection\r\n");
+    EXPECT_EQ(other.cmd("STOR race.bin"), "150 Opening BINARY mode data connection\r\n");
+    ASSERT_TRUE(d1.accept());
+    ASSERT_TRUE(d2.accept());
+    // Both are under way at once; each finishes with its own answer.
+    auto first = std::async(std::launch::async, [&] { return d1.send_and_close(mine); });
+    EXPECT_TRUE(d2.send_and_close(theirs));
+    EXPECT_TRUE(first.get());
+    EXPECT_EQ(c.line(), "226 Transfer complete\r\n");
+    EXPECT_EQ(other.line(), "226 Transfer complete\r\n");
+    std::string stored = server.dir().read("home/pub/race.bin");
+    EXPECT_TRUE(stored == mine || stored == theirs) << stored.size();
+    EXPECT_EQ(node("\\pub\\race.bin")->size, stored.size());
+    std::string listing = c.download("NLST").data;
+    EXPECT_EQ(listing.find("race.bin"), listing.rfind("race.bin"));
 }

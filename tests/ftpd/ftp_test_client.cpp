@@ -73,6 +73,15 @@ bool DataListener::send_and_close(std::string_view bytes) {
     return ok;
 }
 
+bool DataListener::send_and_reset(std::string_view bytes) {
+    bool ok = send_all(conn_, bytes.data(), bytes.size(), nullptr, 10000);
+    linger l{1, 0};
+    ::setsockopt(conn_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+    close_fd(conn_);
+    conn_ = -1;
+    return ok;
+}
+
 int last_ftp_socket(const TestServer& server) {
     int socket = -1;
     for (const std::string& l : server.log_lines())

@@ -25,6 +25,9 @@ class DataListener {
     std::optional<std::string> read(size_t limit = 0, std::chrono::milliseconds wait = 20s);
     // After accept(): sends the bytes and closes the connection.
     bool send_and_close(std::string_view bytes);
+    // After accept(): sends the bytes, then ends the connection with a reset (a client that
+    // broke off).
+    bool send_and_reset(std::string_view bytes);
     // The server's port of the accepted connection.
     int server_port() const { return server_port_; }
 
