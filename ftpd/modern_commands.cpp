@@ -80,6 +80,8 @@ void log_line(Server& server, const ConnSlot& slot, const std::string& line) {
 // ABOR while a command runs: the transfer sees the stop flag and ends with 426 and 226.
 void abort_if_asked(Server& server, ConnSlot& slot) {
     std::string& buffer = slot.line_buf;
+    if (!slot.ftp_extras->in_transfer)
+        return; // other commands end soon: the ABOR waits its turn
     size_t lf = buffer.find('\n');
     if (lf == std::string::npos)
         return;
@@ -100,6 +102,7 @@ using Body = std::function<void()>;
 void spawn(const FtpContextPtr& ctx, const SlotPtr& slot, const char* failure, Body body) {
     bool started = ctx->server.workers.spawn([ctx, slot, body = std::move(body)] {
         body();
+        slot->ftp_extras->in_transfer = false;
         // An ABOR that came while a command without data ran is answered here.
         if (slot->ftp_extras->abort.exchange(false)) {
             if (slot->control_open())

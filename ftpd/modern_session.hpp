@@ -46,6 +46,8 @@ struct FtpSessionExtras {
 
     // ABOR seen while a command ran: the transfer ends with 426 and 226.
     std::atomic<bool> abort{false};
+    // A data transfer or listing is under way (only then does ABOR interrupt a command).
+    std::atomic<bool> in_transfer{false};
 
     // The data connection's set-up: a passive listener, or an EPRT target; otherwise the
     // classic PORT argument applies. Guarded by `mutex` (a worker takes the listener).

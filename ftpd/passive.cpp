@@ -393,6 +393,8 @@ int open_modern_data_connection(Server& server, ConnSlot& slot, const std::strin
     if (fd < 0) {
         server.log_message("Data Connection failed!");
         slot.send_text(kCannotOpen);
+    } else {
+        ex.in_transfer = true; // an ABOR from now on ends the transfer
     }
     return fd;
 }
