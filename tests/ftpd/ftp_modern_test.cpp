@@ -6,6 +6,7 @@
 #include "ftpd/modern_paths.hpp"
 #include "ftpd/passive.hpp"
 #include "platform/ini.hpp"
+#include "telnetd/shell_listing.hpp"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -171,4 +172,14 @@ TEST(FtpModernText, CommandArguments) {
     EXPECT_EQ(modern_type_reply("a", type), "200 TYPE set to A\r\n");
     EXPECT_EQ(type, 'A');
     EXPECT_EQ(modern_type_reply("E", type), "500 'TYPE E': command not understood\r\n");
+}
+
+TEST(FtpModernText, WhoShowsAnIpv6Peer) {
+    std::array<uint8_t, 4> none{};
+    EXPECT_EQ(telnet::who_line("anne", 7, false, none, "2001:db8::5"),
+              "anne             port 007   2001:db8::5\r\n");
+    EXPECT_EQ(telnet::who_line("anne", 7, true, {10, 0, 0, 1}, "10.0.0.1"),
+              "anne             port 007   10.0.0.1\r\n");
+    EXPECT_EQ(telnet::who_line("anne", 7, false, none),
+              "anne             port 007   ???.???.???.???\r\n");
 }
