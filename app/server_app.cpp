@@ -76,6 +76,14 @@ void ServerApp::reload_settings() {
     form.ftp_port = std::to_string(fresh.ftp_port);
     server_.log_message("Settings reloaded");
     server_.settings.maxusers = fresh.maxusers;
+    // The passive-mode keys (and passive_address's name, resolved anew) apply from the next
+    // PASV on; they are read on this thread only.
+    for (const std::string& problem : fresh.ext.problems)
+        server_.log_message(problem);
+    server_.settings.ext.passive_low = fresh.ext.passive_low;
+    server_.settings.ext.passive_high = fresh.ext.passive_high;
+    server_.settings.ext.passive_address = fresh.ext.passive_address;
+    server_.settings.ext.passive_ipv4 = fresh.ext.passive_ipv4;
     if (fresh.serverhome != server_.settings.serverhome)
         server_.log_message(
             "Server home directory change will take effect next time you start the server");
