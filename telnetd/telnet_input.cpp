@@ -143,15 +143,21 @@ InputResult feed_question(std::string& line_buf, std::string_view bytes) {
 
 InputResult feed_more_key(std::string& line_buf, std::string_view bytes) {
     InputResult result;
-    // Byte by byte: a space followed by CR LF is two keys (a page, then one line), and an
-    // IAC with whatever follows it is no key at all, so "interrupt process" only drops out.
-    for (char ch : bytes) {
-        auto c = static_cast<unsigned char>(ch);
-        char key = ch;
+    // Byte by byte: a space followed by CR LF is two keys (a page, then one line). An IAC and
+    // its command byte are no key ("interrupt process" just drops out), nor is the option byte
+    // of a WILL, WONT, DO or DONT, which may happen to be a space.
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        auto c = static_cast<unsigned char>(bytes[i]);
+        if (c == kIac) {
+            unsigned char command = i + 1 < bytes.size() ? bytes[i + 1] : 0;
+            i += command >= kWill && command <= kDont ? 2 : 1;
+            continue;
+        }
+        char key = bytes[i];
         if (c == kCtrlC)
             key = 'Q';
         else if (c != ' ' && c != 'q' && c != 'Q' && c != kLf)
-            continue; // CR, IAC and every other byte
+            continue; // CR and every other byte
         // The same limits as typed characters: a flood of keys must not grow the line.
         if (line_buf.size() >= (c == kLf ? kLineEndLimit : kLineCharLimit))
             continue;

@@ -68,12 +68,15 @@ TEST(TelnetInput, QuestionMorePageAndTransferStates) {
     EXPECT_EQ(take_key(line), ' ');
     EXPECT_EQ(line, "\nqQ");
     EXPECT_FALSE(feed_more_key(line, "abc").key_taken);
-    // Every key byte counts: a space then Enter is a page and a line; IAC IP is no key at all.
+    // Every key byte counts: a space then Enter is a page and a line; IAC IP is no key at all,
+    // nor is the option byte of an option command.
     for (auto [in, stored] : {std::pair{std::string(" \r\n"), std::string(" \n")},
                               {"\r\n", "\n"},
                               {"q\r\n", "q\n"},
                               {bytes({255, 244}), ""},
-                              {bytes({255, 244, ' '}), " "}}) {
+                              {bytes({255, 244, ' '}), " "},
+                              {bytes({255, 253, 6, 'q'}), "q"},
+                              {bytes({255, 251, ' ', '\n'}), "\n"}}) {
         line.clear();
         feed_more_key(line, in);
         EXPECT_EQ(line, stored);
