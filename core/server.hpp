@@ -63,6 +63,10 @@ class Server {
     // Bytes of nodes, mounts, users and groups made (logged as "Memory allocated - %li").
     std::atomic<long> memory_allocated{0};
 
+    // How long a connection may take to complete its login before it is closed, so that
+    // sockets idling at the login cannot hold every place under maxusers. Tests shorten it.
+    std::atomic<int> login_time_limit_ms{60000};
+
     // Set when the server stops: worker loops end early.
     std::atomic<bool> stopping{false};
 

@@ -37,7 +37,7 @@ struct MoveControl {
 // bench/README.md); the others are kept for the benchmark and the tests.
 enum class SendMethod { automatic, read_send, sendfile_cork, sendfile_plain, splice_pipe };
 // How an upload reaches the file.
-enum class ReceiveMethod { automatic, recv_write, recv_write_behind, splice_pipe };
+enum class ReceiveMethod { automatic, recv_write, recv_write_behind, splice_pipe, recv_direct };
 
 // Sends the regular file open on `file_fd`, from its current offset to its end. `size` is its
 // size when the transfer began: an end of file before it is `source_failed`; a file that grows

@@ -6,6 +6,7 @@
 #include "core/server.hpp"
 #include "core/slot_socket.hpp"
 #include "platform/net.hpp"
+#include "platform/text.hpp"
 #include "telnetd/ghost.hpp"
 #include "telnetd/shell_dispatch.hpp"
 #include "telnetd/telnet_input.hpp"
@@ -53,7 +54,7 @@ void take_command_line(Server& server, const SlotPtr& slot) {
         if (is_password_state(state))
             server.log.logf("(%i) <password>", socket);
         else
-            server.log.logf("(%i) %s", socket, line->c_str());
+            server.log.logf("(%i) %s", socket, log_safe(*line).c_str());
         shell_dispatch(server, slot, std::move(*line));
     } else if (state == kStateShell) {
         send_shell_prompt(server, slot);

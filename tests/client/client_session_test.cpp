@@ -409,6 +409,31 @@ TEST(ClientGhost, UserGoneDuringAGetLeavesNoConnection) {
     EXPECT_EQ(c.home_file("slow.bin"), data);
 }
 
+// A command typed while the transfer ran still goes to the remote server once the transfer is
+// done, before the ghost logs off.
+TEST(ClientGhost, LineTypedAheadRunsBeforeTheGhostLogsOff) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"}, retr_script(pattern(1 << 20, 5), 20ms));
+    c.connect(peer);
+    c.line("bin");
+    c.shell().send("get slow.bin\r\n");
+    c.shell().read_until("150 Opening.\r\n");
+    c.shell().send("delete victim\r\n");
+    c.shell().read_until("delete victim\r\n");
+    c.shell().raw().close();
+    EXPECT_TRUE(c.server().wait_for_log("Outgoing FTP connection logged off", 20s));
+    EXPECT_TRUE(peer.wait_closed(10s));
+    EXPECT_TRUE(c.wait_no_users());
+    std::vector<std::string> commands = peer.commands();
+    auto at = [&](const std::string& verb) {
+        return std::find_if(commands.begin(), commands.end(),
+                            [&](const std::string& line) { return line.rfind(verb, 0) == 0; });
+    };
+    ASSERT_NE(at("DELE"), commands.end());
+    EXPECT_EQ(*at("DELE"), "DELE victim");
+    EXPECT_LT(at("DELE"), at("QUIT"));
+}
+
 TEST(ClientGhost, UserGoneAtAQuestionAnswersYes) {
     ClientSession c;
     FakeFtpPeer peer({"220 ready\r\n"},

@@ -94,10 +94,13 @@ class DirectoryRemovedBehindTheServersBack(unittest.TestCase):
             shutil.rmtree(os.path.join(server.home, "pub", "gone"))
 
             self.assertEqual(ftp.cmd("PWD"), b'257 "/pub/gone/sub" is current directory.\r\n')
+            # Neither transfer can move its file, and neither is reported complete.
             self.assertEqual(ftp.transfer("RETR f.txt"), (
-                b"150 Opening ASCII mode data connection (5 bytes)\r\n", b"", COMPLETE))
+                b"150 Opening ASCII mode data connection (5 bytes)\r\n", b"",
+                b"451 Transfer aborted: the file could not be read\r\n"))
             self.assertEqual(ftp.transfer("STOR new.txt", b"data\n")[::2], (
-                b"150 Opening ASCII mode data connection\r\n", COMPLETE))
+                b"150 Opening ASCII mode data connection\r\n",
+                b"452 Transfer aborted: the file could not be written\r\n"))
             for line, reply in (
                     ("MKD d", b"550 mkdir: Permissions Denied"),
                     ("DELE f.txt", b"550 Permissions denied (delete failed)"),

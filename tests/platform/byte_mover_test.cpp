@@ -84,7 +84,7 @@ const SendMethod kSendMethods[] = {SendMethod::automatic, SendMethod::read_send,
                                    SendMethod::splice_pipe};
 const ReceiveMethod kReceiveMethods[] = {ReceiveMethod::automatic, ReceiveMethod::recv_write,
                                          ReceiveMethod::recv_write_behind,
-                                         ReceiveMethod::splice_pipe};
+                                         ReceiveMethod::splice_pipe, ReceiveMethod::recv_direct};
 
 } // namespace
 
