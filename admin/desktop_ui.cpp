@@ -3,6 +3,7 @@
 #include "admin/browse_dialog.hpp"
 #include "admin/editor.hpp"
 #include "admin/mount_dialog.hpp"
+#include "admin/text_editor_dialog.hpp"
 #include "app/admin_api.hpp"
 
 namespace orv {
@@ -21,7 +22,14 @@ DesktopUi::DesktopUi(AdminApi& admin_api) : api(admin_api) {
     };
     open_editor = [this](const QString& file) {
         QString dir = QString::fromStdString(api.start_dir().string());
-        return open_in_text_editor(dir + QLatin1Char('/') + file, dir);
+        QString path = dir + QLatin1Char('/') + file;
+        if (!open_in_text_editor(path, dir))
+            edit_text(nullptr, path);
+        return true;
+    };
+    edit_text = [this](QWidget* parent, const QString& path) {
+        TextEditorDialog dialog(*this, parent, path);
+        dialog.exec();
     };
     run_mount_dialog = [this](QWidget* parent, const QString& real_path,
                               const QString& target) -> std::optional<MountDialogResult> {

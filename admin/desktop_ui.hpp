@@ -30,9 +30,11 @@ struct DesktopUi {
     std::function<void(QWidget* parent, const QString& title, const QString& text,
                        QMessageBox::Icon icon)>
         message;
-    // Opens a file of the start directory in the desktop's text editor; false when no editor
-    // could be started.
+    // Opens a file of the start directory in the desktop's text editor, or in our own editor
+    // window (edit_text) when the desktop has none; false when neither could be shown.
     std::function<bool(const QString& file)> open_editor;
+    // Our own editor window on a file (a full path).
+    std::function<void(QWidget* parent, const QString& path)> edit_text;
     // The Mounts dialog: `real_path` and `target` empty for a new mount, those of the mount
     // for an edit. Nothing on Cancel.
     std::function<std::optional<MountDialogResult>(QWidget* parent, const QString& real_path,

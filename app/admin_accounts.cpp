@@ -40,7 +40,7 @@ bool owns_files(const Server& server, const std::shared_ptr<User>& user) {
 }
 
 std::optional<AdminRefusal> check_user_form(const UserForm& form) {
-    if (password_rule(form.name, form.password) <= 0)
+    if (!form.keep_password && password_rule(form.name, form.password) <= 0)
         return AdminRefusal{"Error", "Invalid password pick a different one!"};
     // The `users`, `groups` and fpl.txt lines separate fields with ":" and end at a line end:
     // a name or home directory holding one would let the next start read an account (a super
@@ -53,7 +53,8 @@ std::optional<AdminRefusal> check_user_form(const UserForm& form) {
 }
 
 void fill_user(User& user, const UserForm& form) {
-    user.password = encode_password(form.name, form.password).value_or("");
+    if (!form.keep_password)
+        user.password = encode_password(form.name, form.password).value_or("");
     user.max_logins = static_cast<int16_t>(to_long(form.max_logins));
     user.home_dir = form.home_dir.substr(0, kMaxHomeDir);
     // The rights are rebuilt from the boxes, never merged.

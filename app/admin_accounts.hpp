@@ -21,7 +21,8 @@ struct AdminRefusal {
 
 struct UserForm {
     std::string name;
-    std::string password; // clear text
+    std::string password;       // clear text
+    bool keep_password = false; // an update that leaves the stored password as it is
     bool super_user = false;
     std::string max_logins;
     std::string home_dir;

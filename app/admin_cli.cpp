@@ -134,10 +134,11 @@ bool is_account(const std::optional<UserView>& view) {
     return view && view->uid != 65535;
 }
 
+// The account as it is; its stored password is kept unless a new one is given.
 UserForm form_of(const UserView& view) {
     UserForm form;
     form.name = view.name;
-    form.password = view.password;
+    form.keep_password = true;
     form.super_user = view.super_user;
     form.max_logins = std::to_string(view.max_logins);
     form.home_dir = view.home_dir;
@@ -203,6 +204,7 @@ AdminOutcome user_command(Server& server, const AdminRequest& req) {
             return not_understood("no password given");
         UserForm form = form_of(*view);
         form.password = *req.password;
+        form.keep_password = false;
         return saved(save_user(server, form));
     }
     if (verb == "del") {

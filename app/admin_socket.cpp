@@ -59,14 +59,18 @@ struct UnixAddress {
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&addr); }
 };
 
-// Waits until `fd` is ready for `events`; false on the time-out, an error, or `wake_fd`.
-bool wait_ready(int fd, short events, int timeout_ms, int wake_fd) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+using Clock = std::chrono::steady_clock;
+
+Clock::time_point after_ms(int ms) {
+    return Clock::now() + std::chrono::milliseconds(ms);
+}
+
+// Waits until `fd` is ready for `events`; false at the deadline, on an error, or on `wake_fd`.
+bool wait_ready(int fd, short events, Clock::time_point deadline, int wake_fd) {
     for (;;) {
         pollfd fds[2] = {{fd, events, 0}, {wake_fd, POLLIN, 0}};
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
+        auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
         if (left <= 0)
             return false;
         int n = ::poll(fds, wake_fd >= 0 ? 2 : 1, static_cast<int>(left));
@@ -78,9 +82,9 @@ bool wait_ready(int fd, short events, int timeout_ms, int wake_fd) {
     }
 }
 
-bool read_exact(int fd, char* data, size_t size, int timeout_ms, int wake_fd) {
+bool read_exact(int fd, char* data, size_t size, Clock::time_point deadline, int wake_fd) {
     while (size > 0) {
-        if (!wait_ready(fd, POLLIN, timeout_ms, wake_fd))
+        if (!wait_ready(fd, POLLIN, deadline, wake_fd))
             return false;
         ssize_t n = ::recv(fd, data, size, MSG_DONTWAIT);
         if (n < 0 && (errno == EINTR || errno == EAGAIN))
@@ -94,8 +98,9 @@ bool read_exact(int fd, char* data, size_t size, int timeout_ms, int wake_fd) {
 }
 
 bool write_all(int fd, std::string_view bytes, int timeout_ms) {
+    Clock::time_point deadline = after_ms(timeout_ms);
     while (!bytes.empty()) {
-        if (!wait_ready(fd, POLLOUT, timeout_ms, -1))
+        if (!wait_ready(fd, POLLOUT, deadline, -1))
             return false;
         ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0 && (errno == EINTR || errno == EAGAIN))
@@ -114,15 +119,17 @@ std::string framed(const std::string& payload) {
     return out + payload;
 }
 
+// One length-prefixed message, all of it within `timeout_ms`.
 std::optional<std::string> read_framed(int fd, size_t max, int timeout_ms, int wake_fd) {
+    Clock::time_point deadline = after_ms(timeout_ms);
     unsigned char head[4];
-    if (!read_exact(fd, reinterpret_cast<char*>(head), 4, timeout_ms, wake_fd))
+    if (!read_exact(fd, reinterpret_cast<char*>(head), 4, deadline, wake_fd))
         return std::nullopt;
     size_t n = (size_t{head[0]} << 24) | (size_t{head[1]} << 16) | (size_t{head[2]} << 8) | head[3];
     if (n > max)
         return std::nullopt;
     std::string payload(n, '\0');
-    if (!read_exact(fd, payload.data(), n, timeout_ms, wake_fd))
+    if (!read_exact(fd, payload.data(), n, deadline, wake_fd))
         return std::nullopt;
     return payload;
 }
@@ -256,14 +263,20 @@ void AdminSocket::serve() {
         if (n < 0 || fds[1].revents)
             return;
         int fd = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
+        if (fd < 0) {
+            // Out of descriptors, say: try again a little later rather than spin.
+            if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED)
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
             continue;
+        }
         serve_one(fd);
-        // What the client sent beyond the request is read away first: closing a socket with
-        // unread bytes resets it, and the client would lose the reply.
+        // What the client sent beyond the request is read away first (for a second at most):
+        // closing a socket with unread bytes resets it, and the client would lose the reply.
         ::shutdown(fd, SHUT_WR);
         char discard[4096];
-        for (size_t total = 0; total < kMaxAdminMessage && wait_ready(fd, POLLIN, 200, wake_fd_);) {
+        Clock::time_point deadline = after_ms(1000);
+        for (size_t total = 0;
+             total < kMaxAdminMessage && wait_ready(fd, POLLIN, deadline, wake_fd_);) {
             ssize_t n = ::recv(fd, discard, sizeof discard, MSG_DONTWAIT);
             if (n < 0 && (errno == EINTR || errno == EAGAIN))
                 continue;

@@ -41,7 +41,7 @@ class ServerApp {
     // dialog does: Max Users at once, services started, stopped or moved to a new port; a new
     // home directory only at the next start. Sessions stay.
     void reload_settings();
-    // Makes `signals` (SIGHUP) call reload_settings() on every hang-up until cancelled.
+    // Makes `hangups` (SIGHUP) call reload_settings() on every hang-up until cancelled.
     void watch_hangups(asio::signal_set& hangups);
 
     // Runs the event loop on the calling thread until request_stop().

@@ -99,16 +99,23 @@ TEST(AdminCli, UserCommandsUseTheDialogsChecksAndLogLines) {
                 0,
                 "Updated User (carol)\n"},
                {{"user", "set", "nobody", "--super"}, std::nullopt, 1, "No such user (nobody)\n"},
-               {{"user", "passwd", "carol"}, "carol-new", 0, "Updated User (carol)\n"},
-               {{"user", "list"},
-                std::nullopt,
-                0,
-                "carol uid=11 max_logins=3 rights=telnet-in,ftp-in home=\\pub groups=\n"
-                "admin uid=10 max_logins=5 rights=telnet-in,ftp-in,telnet-out,ftp-out "
-                "home=\\ groups=\n"
-                "demo uid=101 max_logins=5 rights=telnet-in,ftp-in,telnet-out,ftp-out "
-                "home=\\ groups=\n"},
            });
+    {
+        // set leaves the stored password alone (it is never decoded and stored again).
+        std::shared_lock lock(s.server().tree_mutex);
+        EXPECT_TRUE(check_password(*s.server().accounts->find_user("carol"), "carol-pw"));
+    }
+    check_all(s, {
+                     {{"user", "passwd", "carol"}, "carol-new", 0, "Updated User (carol)\n"},
+                     {{"user", "list"},
+                      std::nullopt,
+                      0,
+                      "carol uid=11 max_logins=3 rights=telnet-in,ftp-in home=\\pub groups=\n"
+                      "admin uid=10 max_logins=5 rights=telnet-in,ftp-in,telnet-out,ftp-out "
+                      "home=\\ groups=\n"
+                      "demo uid=101 max_logins=5 rights=telnet-in,ftp-in,telnet-out,ftp-out "
+                      "home=\\ groups=\n"},
+                 });
     {
         std::shared_lock lock(s.server().tree_mutex);
         auto carol = s.server().accounts->find_user("carol");
