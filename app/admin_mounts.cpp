@@ -1,7 +1,7 @@
 #include "app/admin_mounts.hpp"
 
-#include "app/start_relative.hpp"
 #include "core/server.hpp"
+#include "core/settings.hpp"
 #include "platform/text.hpp"
 #include "vfs/build.hpp"
 #include "vfs/tree.hpp"
@@ -86,7 +86,7 @@ MountFormResult check_mount_form(const Server& server, const MountForm& form) {
     r.mount_to = normalize_mount_to(form.mount_to);
     std::error_code ec;
     if (r.mount.empty() ||
-        !std::filesystem::is_directory(in_start_dir(server.start_dir, r.mount), ec)) {
+        !std::filesystem::is_directory(resolve_configured_path(server.start_dir, r.mount), ec)) {
         r.refusal = "The \"Mount\" path must exist.";
         return r;
     }

@@ -1,7 +1,6 @@
 #include "app/admin_settings.hpp"
 
 #include "app/server_app.hpp"
-#include "app/start_relative.hpp"
 #include "core/server.hpp"
 #include "core/settings.hpp"
 #include "platform/text.hpp"
@@ -69,7 +68,8 @@ bool is_decimal_number(std::string_view text) {
 
 std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form,
                                                    const std::filesystem::path& start_dir) {
-    if (form.serverhome.empty() || !directory_exists(in_start_dir(start_dir, form.serverhome)))
+    if (form.serverhome.empty() ||
+        !directory_exists(resolve_configured_path(start_dir, form.serverhome)))
         return SettingsRefusal{"Server home directory does not exist!", SettingsField::Home};
     int16_t max_users = form_max_users(form);
     if (!is_decimal_number(form.maxusers) || max_users < 0 || max_users > 256)
