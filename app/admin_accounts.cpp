@@ -42,9 +42,9 @@ bool owns_files(const Server& server, const std::shared_ptr<User>& user) {
 std::optional<AdminRefusal> check_user_form(const UserForm& form) {
     if (password_rule(form.name, form.password) <= 0)
         return AdminRefusal{"Error", "Invalid password pick a different one!"};
-    // The `users` and `groups` files separate fields with ":".
-    if (form.name.empty())
-        return AdminRefusal{"Error", "User name required!"};
+    // The `users`, `groups` and fpl.txt lines separate fields with ":" and end at a line end:
+    // a name or home directory holding one would let the next start read an account (a super
+    // user, say) that nobody added.
     if (contains_any(form.name, ":\r\n"))
         return AdminRefusal{"Error", "Invalid user name!"};
     if (contains_any(form.home_dir, "\r\n"))
@@ -123,14 +123,15 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
             accounts.push_user(user);
             lines.push_back(strf("Added User (%s)", form.name.c_str()));
         } else if (!is_placeholder(*user)) {
+            // Any ID below 100 is a super user's, a negative one (read from `users`) too;
+            // only a change of class asks for a new ID.
             int uid = user->uid;
-            if (uid >= 100 && form.super_user)
-                uid = accounts.next_free_uid(true);
-            else if (uid < 100 && !form.super_user)
-                uid = accounts.next_free_uid(false);
-            if (uid < 0) {
-                result.refusal = no_free_uid();
-                return result;
+            if ((uid >= 100) == form.super_user) {
+                uid = accounts.next_free_uid(form.super_user);
+                if (uid < 0) {
+                    result.refusal = no_free_uid();
+                    return result;
+                }
             }
             fill_user(*user, form);
             user->uid = static_cast<int16_t>(uid);

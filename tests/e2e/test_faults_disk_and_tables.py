@@ -160,9 +160,15 @@ class TablesAtShutdown(unittest.TestCase):
         else:
             os.chmod(server.dir, 0o555)
             self.addCleanup(os.chmod, server.dir, 0o755)
+        mark = server.mark()
         self.assertEqual(server.stop(), 0)
         self.assertEqual(self.tables(), old)
         self.assertEqual([n for n in os.listdir(server.dir) if n.endswith(".tmp")], [])
+        # Each table that could not be written says so, once, in the order they are written.
+        failed = [line for line in server.log_since(mark) if line.startswith("**** Unable")]
+        self.assertEqual([line.split()[4] for line in failed], list(TABLES))
+        for line in failed:
+            self.assertRegex(line, r"^\*\*\*\* Unable to write \S+ \(.+\) \*\*\*\*$")
         self.assertEqual(server.sanitizer_reports(), [])
 
     def test_sigkill_during_shutdown_leaves_old_or_new_tables(self):

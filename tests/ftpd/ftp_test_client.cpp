@@ -10,12 +10,14 @@
 
 namespace orv::test {
 
-DataListener::DataListener(const char* address) {
+DataListener::DataListener(const char* address, int port) {
     listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
     ::inet_pton(AF_INET, address, &sa.sin_addr);
-    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+    if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
+        return;
     ::listen(listen_fd_, 4);
     socklen_t len = sizeof sa;
     ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);

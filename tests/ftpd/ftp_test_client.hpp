@@ -11,11 +11,15 @@ namespace orv::test {
 // A listening socket on a loopback address for the server's data connection.
 class DataListener {
   public:
-    explicit DataListener(const char* address = "127.0.0.1");
+    // On `port`, or on any free one when it is 0.
+    explicit DataListener(const char* address = "127.0.0.1", int port = 0);
     ~DataListener();
     DataListener(const DataListener&) = delete;
     DataListener& operator=(const DataListener&) = delete;
 
+    // False when the address and port could not be had.
+    bool listening() const { return port_ != 0; }
+    int port() const { return port_; }
     // "h1,h2,h3,h4,p1,p2" for PORT.
     std::string port_arg() const;
     // Accepts the server's connection; false when none came within the limit.
