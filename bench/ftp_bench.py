@@ -256,10 +256,21 @@ class ServerProcess:
                 with open(procs, "w") as f:
                     f.write(str(os.getpid()))
 
-        self.proc = subprocess.Popen(self.command(), cwd=self.dir, stdout=self.out,
-                                     stderr=subprocess.STDOUT, start_new_session=True,
-                                     preexec_fn=enter_group)
-        wait_port(self.port, self.proc)
+        # A server that does not come up (on a loaded machine, now and then one of the peers
+        # exits at once) gets two more tries before the run gives up on it.
+        for attempt in range(3):
+            self.proc = subprocess.Popen(self.command(), cwd=self.dir, stdout=self.out,
+                                         stderr=subprocess.STDOUT, start_new_session=True,
+                                         preexec_fn=enter_group)
+            try:
+                wait_port(self.port, self.proc)
+                return
+            except RuntimeError:
+                if attempt == 2:
+                    raise
+                log("  %s did not start, trying again ..." % self.name)
+                self.kill_group()
+                wait_port_20()
 
     def pids(self):
         """The server's processes: the one started and everything below it."""
@@ -313,6 +324,13 @@ class ServerProcess:
             except OSError:
                 pass
         return total
+
+    def kill_group(self):
+        try:
+            os.killpg(self.proc.pid, signal.SIGKILL)
+        except (ProcessLookupError, PermissionError):
+            pass
+        self.proc.wait(timeout=30)
 
     def stop(self):
         if self.proc and self.proc.poll() is None:
@@ -793,8 +811,8 @@ def main():
                     name = server.name
                     log("%s, transfers round %d (load average %s) ..."
                         % (name, round_no, load_average()))
-                    server.start()
                     try:
+                        server.start()
                         rates, more = transfers(server, Load(load_binary, server), home,
                                                 args.quick)
                     except RuntimeError as e:
