@@ -407,6 +407,7 @@ void add_file_node(TestServer& server, const std::string& dir, const std::string
 } // namespace
 
 TEST_F(FtpFiles, DownloadsOnlyWholeRegularFilesBelowTheHome) {
+    c.wait = 20s; // a loaded machine or a sanitizer build is slow to answer
     c.cmd("CWD pub");
     c.cmd("TYPE I");
     const std::string aborted = "451 Transfer aborted: the file could not be read\r\n";
@@ -433,6 +434,7 @@ TEST_F(FtpFiles, DownloadsOnlyWholeRegularFilesBelowTheHome) {
 }
 
 TEST_F(FtpFiles, UploadsReplaceTheTargetOnlyWhenWhole) {
+    c.wait = 20s; // a loaded machine or a sanitizer build is slow to answer
     c.cmd("CWD pub");
     c.cmd("TYPE I");
     const std::string old_notes = "line one\nline two\r\n";
@@ -474,7 +476,9 @@ TEST_F(FtpFiles, UploadsReplaceTheTargetOnlyWhenWhole) {
 }
 
 TEST_F(FtpFiles, TwoSessionsStoringOneNewNameLeaveOneWholeFile) {
+    c.wait = 20s; // a loaded machine or a sanitizer build is slow to answer
     FtpClient other;
+    other.wait = 20s;
     other.open(server.ftp_port());
     other.login("admin", "admin-pass");
     std::string mine = pattern_bytes(2 << 20);
