@@ -5,6 +5,7 @@
 #include "app/options.hpp"
 #include "app/server_app.hpp"
 #include "platform/net.hpp"
+#include "platform/service_notify.hpp"
 
 #include <asio.hpp>
 #include <csignal>
@@ -16,7 +17,11 @@
 namespace {
 
 int encode_password_command(const orv::Options& o) {
-    std::optional<std::string> stored = orv::encode_password(o.encode_name, o.encode_password_text);
+    std::error_code ec;
+    std::filesystem::path dir = o.start_dir.empty() ? std::filesystem::current_path(ec)
+                                                    : std::filesystem::path(o.start_dir);
+    std::optional<std::string> stored =
+        orv::store_password_for(dir, o.encode_name, o.encode_password_text);
     if (!stored) {
         std::fprintf(stderr, "orvane-server: the password cannot be stored: use 1 to 31 printable "
                              "characters without ':'\n");
@@ -46,7 +51,9 @@ int run_headless(orv::ServerApp& app) {
             app.request_stop();
     });
     app.start();
+    orv::notify_service_ready();
     app.run();
+    orv::notify_service_stopping();
     signals.cancel();
     app.shutdown();
     return 0;

@@ -24,6 +24,7 @@ ServerApp::~ServerApp() {
 
 void ServerApp::load() {
     server_.settings = read_settings(server_.table_path("settings.ini"));
+    server_.guard.configure(read_auth_settings(server_.table_path("settings.ini"), &server_.log));
     server_.accounts = std::make_shared<Accounts>(&server_.memory_allocated);
     server_.accounts->read_groups(server_.table_path("groups"), server_.log);
     server_.accounts->read_users(server_.table_path("users"), server_.log);
