@@ -7,12 +7,13 @@ import os
 import pwd
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
 import unittest
 
-from hostile_support import BINARY, WAIT, Ftp, free_port, main
+from hostile_support import BINARY, WAIT, Ftp, Server, free_port, main
 
 BUILD = os.path.dirname(BINARY)
 STATE = "/var/lib/orvane"
@@ -102,6 +103,29 @@ class Package(unittest.TestCase):
         self.assertFalse(installed("orvane"))
         self.assertFalse(os.path.exists(STATE))
         self.assertFalse(os.path.exists(SETTINGS))
+
+
+class Notify(unittest.TestCase):
+    """What a notify-type unit hears from the server: ready after start-up, then stopping."""
+
+    def test_ready_then_stopping(self):
+        with tempfile.TemporaryDirectory(prefix="orvane-notify-") as d:
+            path = os.path.join(d, "notify")
+            sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+            sock.bind(path)
+            sock.settimeout(WAIT)
+            os.environ["NOTIFY_SOCKET"] = path
+            try:
+                s = Server()
+            finally:
+                del os.environ["NOTIFY_SOCKET"]
+            try:
+                self.assertIn(b"READY=1", sock.recv(4096))
+                self.assertEqual(s.stop(), 0)
+                self.assertIn(b"STOPPING=1", sock.recv(4096))
+            finally:
+                s.close()
+                sock.close()
 
 
 if __name__ == "__main__":
