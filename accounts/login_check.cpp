@@ -85,8 +85,8 @@ void check_login(Server& server, const SlotPtr& slot, uint16_t right, std::strin
         server.post([&server, shared, accepted] {
             const ConnSlot& s = *shared->slot;
             if ((!s.control_open() || s.ghost != 0) && accepted) {
-                // Gone while its password was checked: a ghost is freed once idle.
-                shared->slot->state = 3;
+                // Gone while its password was checked: no login to count.
+                settle_gone_session(*shared->slot);
                 return;
             }
             conclude(server, std::move(*shared), accepted);

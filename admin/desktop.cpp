@@ -26,12 +26,16 @@ int run_desktop(ServerApp& app, int argc, char** argv) {
         if (!ec)
             QMetaObject::invokeMethod(qApp, &QCoreApplication::quit, Qt::QueuedConnection);
     });
+    // SIGHUP re-reads settings.ini, as a Save of the settings dialog applies it.
+    asio::signal_set hangups(app.server().io(), SIGHUP);
+    app.watch_hangups(hangups);
     session.start();
     QApplication::exec();
     // The handler must not outlive the loop: cancel it once the event thread is gone.
     session.stop();
     asio::error_code ignored;
     stop_signals.cancel(ignored);
+    hangups.cancel(ignored);
     app.server().io().restart();
     app.server().io().poll();
     return 0;

@@ -139,7 +139,7 @@ void ServerSettingsDialog::save() {
     form.telnet_port = telnet_port_->text().toStdString();
     form.ftp = ftp_->isChecked();
     form.ftp_port = ftp_port_->text().toStdString();
-    if (std::optional<SettingsRefusal> refusal = check_settings_form(form)) {
+    if (std::optional<SettingsRefusal> refusal = check_settings_form(form, ui_.api.start_dir())) {
         ui_.message(this, QStringLiteral("Error"), qs(refusal->text), QMessageBox::Critical);
         field(refusal->focus)->setFocus();
         return;

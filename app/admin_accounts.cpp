@@ -39,12 +39,14 @@ bool owns_files(const Server& server, const std::shared_ptr<User>& user) {
     return owns;
 }
 
-std::optional<AdminRefusal> check_user_form(const UserForm& form) {
-    if (password_rule(form.name, form.password) <= 0)
+// `keep_password`: the account's password is stored as a hash, which is never shown, and the
+// field was left empty: the password stays as it is.
+std::optional<AdminRefusal> check_user_form(const UserForm& form, bool keep_password) {
+    if (!keep_password && password_rule(form.name, form.password) <= 0)
         return AdminRefusal{"Error", "Invalid password pick a different one!"};
-    // The `users` and `groups` files separate fields with ":".
-    if (form.name.empty())
-        return AdminRefusal{"Error", "User name required!"};
+    // The `users`, `groups` and fpl.txt lines separate fields with ":" and end at a line end:
+    // a name or home directory holding one would let the next start read an account (a super
+    // user, say) that nobody added.
     if (contains_any(form.name, ":\r\n"))
         return AdminRefusal{"Error", "Invalid user name!"};
     if (contains_any(form.home_dir, "\r\n"))
@@ -52,8 +54,9 @@ std::optional<AdminRefusal> check_user_form(const UserForm& form) {
     return std::nullopt;
 }
 
-void fill_user(User& user, const UserForm& form) {
-    user.password = encode_password(form.name, form.password).value_or("");
+void fill_user(User& user, const UserForm& form, const std::optional<std::string>& stored) {
+    if (stored)
+        user.password = *stored;
     user.max_logins = static_cast<int16_t>(to_long(form.max_logins));
     user.home_dir = form.home_dir.substr(0, kMaxHomeDir);
     // The rights are rebuilt from the boxes, never merged.
@@ -99,10 +102,22 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
     UserForm form = typed;
     form.name = form.name.substr(0, kMaxUserName);
     UserSaveResult result;
-    if (auto refusal = check_user_form(form)) {
+    bool keep_password = false;
+    if (form.password.empty()) {
+        std::shared_lock lock(server.tree_mutex);
+        std::shared_ptr<User> user =
+            server.accounts ? server.accounts->find_user(form.name) : nullptr;
+        keep_password = user && is_hashed_password(user->password);
+    }
+    if (auto refusal = check_user_form(form, keep_password)) {
         result.refusal = refusal;
         return result;
     }
+    // Hashing takes a moment: never under the tree lock.
+    std::optional<std::string> stored;
+    if (!keep_password)
+        stored = store_password(form.name, form.password, server.guard.settings().password_hash)
+                     .value_or("");
     std::vector<std::string> lines;
     {
         std::unique_lock lock(server.tree_mutex);
@@ -119,20 +134,21 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
             user = std::make_shared<User>();
             user->name = form.name;
             user->uid = static_cast<int16_t>(uid);
-            fill_user(*user, form);
+            fill_user(*user, form, stored);
             accounts.push_user(user);
             lines.push_back(strf("Added User (%s)", form.name.c_str()));
         } else if (!is_placeholder(*user)) {
+            // Any ID below 100 is a super user's, a negative one (read from `users`) too;
+            // only a change of class asks for a new ID.
             int uid = user->uid;
-            if (uid >= 100 && form.super_user)
-                uid = accounts.next_free_uid(true);
-            else if (uid < 100 && !form.super_user)
-                uid = accounts.next_free_uid(false);
-            if (uid < 0) {
-                result.refusal = no_free_uid();
-                return result;
+            if ((uid >= 100) == form.super_user) {
+                uid = accounts.next_free_uid(form.super_user);
+                if (uid < 0) {
+                    result.refusal = no_free_uid();
+                    return result;
+                }
             }
-            fill_user(*user, form);
+            fill_user(*user, form, stored);
             user->uid = static_cast<int16_t>(uid);
             lines.push_back(strf("Updated User (%s)", form.name.c_str()));
         } else {
@@ -142,7 +158,7 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
                 result.refusal = no_free_uid();
                 return result;
             }
-            fill_user(*user, form);
+            fill_user(*user, form, stored);
             user->uid = static_cast<int16_t>(uid);
             lines.push_back(strf("Added User (%s), already owns file(s)", form.name.c_str()));
         }

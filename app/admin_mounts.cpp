@@ -1,5 +1,6 @@
 #include "app/admin_mounts.hpp"
 
+#include "app/start_relative.hpp"
 #include "core/server.hpp"
 #include "platform/text.hpp"
 #include "vfs/build.hpp"
@@ -84,7 +85,8 @@ MountFormResult check_mount_form(const Server& server, const MountForm& form) {
     r.mount = form.mount.substr(0, kMaxPathText);
     r.mount_to = normalize_mount_to(form.mount_to);
     std::error_code ec;
-    if (r.mount.empty() || !std::filesystem::is_directory(r.mount, ec)) {
+    if (r.mount.empty() ||
+        !std::filesystem::is_directory(in_start_dir(server.start_dir, r.mount), ec)) {
         r.refusal = "The \"Mount\" path must exist.";
         return r;
     }

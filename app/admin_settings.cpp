@@ -1,6 +1,7 @@
 #include "app/admin_settings.hpp"
 
 #include "app/server_app.hpp"
+#include "app/start_relative.hpp"
 #include "core/server.hpp"
 #include "core/settings.hpp"
 #include "platform/text.hpp"
@@ -11,7 +12,7 @@ namespace orv {
 namespace {
 
 // The directory test of the settings check: the server must be able to change into it.
-bool directory_exists(const std::string& path) {
+bool directory_exists(const std::filesystem::path& path) {
     std::error_code ec;
     return !path.empty() && std::filesystem::is_directory(path, ec) &&
            ::access(path.c_str(), X_OK) == 0;
@@ -19,7 +20,7 @@ bool directory_exists(const std::string& path) {
 
 bool valid_port(const std::string& text) {
     int port = to_int(text);
-    return port >= 1 && port <= 32000;
+    return is_decimal_number(text) && port >= 1 && port <= 32000;
 }
 
 // One service's part of a Save. `start` and `stop` are the listener's operations.
@@ -60,11 +61,18 @@ int16_t form_max_users(const SettingsForm& form) {
     return static_cast<int16_t>(to_long(form.maxusers));
 }
 
-std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form) {
-    if (!directory_exists(form.serverhome))
+bool is_decimal_number(std::string_view text) {
+    if (!text.empty() && (text.front() == '-' || text.front() == '+'))
+        text.remove_prefix(1);
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form,
+                                                   const std::filesystem::path& start_dir) {
+    if (form.serverhome.empty() || !directory_exists(in_start_dir(start_dir, form.serverhome)))
         return SettingsRefusal{"Server home directory does not exist!", SettingsField::Home};
     int16_t max_users = form_max_users(form);
-    if (max_users < 0 || max_users > 256)
+    if (!is_decimal_number(form.maxusers) || max_users < 0 || max_users > 256)
         return SettingsRefusal{"Max Users must be between 0 and 256", SettingsField::MaxUsers};
     if (!valid_port(form.telnet_port))
         return SettingsRefusal{"Telnet Port be between 1 and 32000", SettingsField::TelnetPort};

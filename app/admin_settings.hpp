@@ -1,8 +1,10 @@
 #pragma once
 // The Server Settings dialog's rules without the dialog: the checks of a Save in their order
 // and texts, writing settings.ini, and starting, stopping or restarting the listeners.
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace orv {
 
@@ -34,8 +36,13 @@ inline constexpr const char* kHomeChangeInfo =
 // not quietly put the old one back).
 SettingsForm current_settings_form(const Server& server);
 
-// The first check that fails, in the dialog's order, or nothing.
-std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form);
+// The first check that fails, in the dialog's order, or nothing. A relative home directory is
+// looked for below `start_dir`, where the next start will look for it.
+std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form,
+                                                   const std::filesystem::path& start_dir = {});
+// True when `text` is a decimal number (an optional sign and at least one digit, nothing
+// else): the dialog's number fields refuse "21abc" and an empty field.
+bool is_decimal_number(std::string_view text);
 
 // Max Users as the dialog reads it: a signed 16-bit value.
 int16_t form_max_users(const SettingsForm& form);

@@ -1,5 +1,6 @@
 // orvane-server: the process entry point.
 #include "accounts/password.hpp"
+#include "app/admin_client.hpp"
 #include "app/desktop.hpp"
 #include "app/instance_lock.hpp"
 #include "app/options.hpp"
@@ -50,11 +51,15 @@ int run_headless(orv::ServerApp& app) {
         if (!ec)
             app.request_stop();
     });
+    // SIGHUP re-reads settings.ini; it never ends the process.
+    asio::signal_set hangups(app.server().io(), SIGHUP);
+    app.watch_hangups(hangups);
     app.start();
     orv::notify_service_ready();
     app.run();
     orv::notify_service_stopping();
     signals.cancel();
+    hangups.cancel();
     app.shutdown();
     return 0;
 }
@@ -88,6 +93,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "orvane-server: not a directory: %s\n", options->start_dir.c_str());
         return 2;
     }
+
+    if (options->admin)
+        return orv::run_admin_client(start_dir, options->admin_args);
 
     [[maybe_unused]] bool desktop = want_desktop(*options);
     orv::InstanceLock lock(start_dir);

@@ -5,6 +5,7 @@ namespace orv {
 std::string usage_text() {
     return "usage: orvane-server [--headless] [-C DIR]\n"
            "       orvane-server --encode-password NAME PASSWORD\n"
+           "       orvane-server [-C DIR] admin COMMAND...   (admin help: the commands)\n"
            "       orvane-server --help | --version\n"
            "\n"
            "  --headless              run without the desktop window (log to standard output)\n"
@@ -37,6 +38,10 @@ std::optional<Options> parse_options(const std::vector<std::string>& args, std::
             o.encode_name = args[i + 1];
             o.encode_password_text = args[i + 2];
             i += 2;
+        } else if (a == "admin") {
+            o.admin = true;
+            o.admin_args.assign(args.begin() + static_cast<long>(i) + 1, args.end());
+            break;
         } else {
             error = "unknown option: " + a;
             return std::nullopt;

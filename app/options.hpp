@@ -14,6 +14,8 @@ struct Options {
     bool encode_password = false;
     std::string encode_name;
     std::string encode_password_text;
+    bool admin = false;
+    std::vector<std::string> admin_args; // everything after "admin"
 };
 
 // Parses argv; on an unknown or incomplete option returns nothing and fills `error`.

@@ -1,6 +1,9 @@
 #include "app/server_app.hpp"
 
 #include "accounts/accounts.hpp"
+#include "app/admin_settings.hpp"
+#include "app/admin_socket.hpp"
+#include "app/table_saver.hpp"
 #include "client/outgoing.hpp"
 #include "vfs/build.hpp"
 #include "vfs/tree.hpp"
@@ -9,12 +12,25 @@
 
 namespace orv {
 
+void load_server_tables(Server& server) {
+    server.settings = read_settings(server.table_path("settings.ini"));
+    server.guard.configure(read_auth_settings(server.table_path("settings.ini"), &server.log));
+    server.accounts = std::make_shared<Accounts>(&server.memory_allocated);
+    server.accounts->read_groups(server.table_path("groups"), server.log);
+    server.accounts->read_users(server.table_path("users"), server.log);
+    server.accounts->link_groups(server.table_path("groups"), server.log);
+    build_file_system(server);
+    server.log.logf("Memory allocated - %li", server.memory_allocated.load());
+}
+
 ServerApp::ServerApp(std::filesystem::path start_dir, Log::Sink sink)
     : server_(std::move(start_dir)) {
     server_.log.set_sink(std::move(sink));
     server_.log.set_debug_file(server_.table_path("debug.txt"));
     telnet_ = std::make_unique<TelnetServer>(server_);
     ftp_ = std::make_unique<FtpServer>(server_);
+    saver_ = std::make_unique<TableSaver>(server_);
+    admin_socket_ = std::make_unique<AdminSocket>(*this);
 }
 
 ServerApp::~ServerApp() {
@@ -23,14 +39,8 @@ ServerApp::~ServerApp() {
 }
 
 void ServerApp::load() {
-    server_.settings = read_settings(server_.table_path("settings.ini"));
-    server_.guard.configure(read_auth_settings(server_.table_path("settings.ini"), &server_.log));
-    server_.accounts = std::make_shared<Accounts>(&server_.memory_allocated);
-    server_.accounts->read_groups(server_.table_path("groups"), server_.log);
-    server_.accounts->read_users(server_.table_path("users"), server_.log);
-    server_.accounts->link_groups(server_.table_path("groups"), server_.log);
-    build_file_system(server_);
-    server_.log.logf("Memory allocated - %li", server_.memory_allocated.load());
+    load_server_tables(server_);
+    saver_->remember_current();
 }
 
 void ServerApp::start_services() {
@@ -49,7 +59,36 @@ void ServerApp::ready() {
 void ServerApp::start() {
     load();
     start_services();
+    saver_->start();
+    admin_socket_->start();
     ready();
+}
+
+void ServerApp::reload_settings() {
+    Settings fresh = read_settings(server_.table_path("settings.ini"));
+    SettingsForm form;
+    form.serverhome = fresh.serverhome;
+    form.maxusers = std::to_string(fresh.maxusers);
+    form.telnet = fresh.telnet_enabled();
+    form.telnet_port = std::to_string(fresh.telnet_port);
+    form.ftp = fresh.ftp_enabled();
+    form.ftp_port = std::to_string(fresh.ftp_port);
+    server_.log_message("Settings reloaded");
+    server_.guard.configure(read_auth_settings(server_.table_path("settings.ini"), &server_.log));
+    server_.settings.maxusers = fresh.maxusers;
+    if (fresh.serverhome != server_.settings.serverhome)
+        server_.log_message(
+            "Server home directory change will take effect next time you start the server");
+    apply_service_settings(*this, form);
+}
+
+void ServerApp::watch_hangups(asio::signal_set& signals) {
+    signals.async_wait([this, &signals](const asio::error_code& ec, int) {
+        if (ec)
+            return;
+        reload_settings();
+        watch_hangups(signals);
+    });
 }
 
 void ServerApp::run() {
@@ -76,22 +115,18 @@ void ServerApp::stop_services() {
 }
 
 void ServerApp::save_tables() {
-    if (server_.accounts) {
-        std::shared_lock lock(server_.tree_mutex);
-        server_.accounts->save_users(server_.table_path("users"));
-        server_.accounts->save_groups(server_.table_path("groups"));
-    }
-    // The workers have stopped by now; the tree writers take the lock themselves if needed.
-    if (server_.vfs) {
-        save_mounts(server_);
-        write_fpl(server_);
-    }
+    // users, groups, mounts, fpl.txt, each one atomically; one that cannot be written is
+    // logged and keeps its old version.
+    saver_->save_all();
 }
 
 void ServerApp::shutdown() {
     if (shut_down_)
         return;
     shut_down_ = true;
+    // No administration request and no background write beside the shutdown's own writes.
+    admin_socket_->stop();
+    saver_->stop();
     stop_services();
     save_tables();
     // Handlers still queued refer to slots and listeners: drop them before the tree goes.

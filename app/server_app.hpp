@@ -5,10 +5,17 @@
 #include "ftpd/ftp_server.hpp"
 #include "telnetd/telnet_server.hpp"
 
+#include <asio/signal_set.hpp>
 #include <filesystem>
 #include <memory>
 
 namespace orv {
+
+class AdminSocket;
+class TableSaver;
+
+// Reads the settings and the tables and builds the tree; logs "Memory allocated - %li".
+void load_server_tables(Server& server);
 
 class ServerApp {
   public:
@@ -26,8 +33,16 @@ class ServerApp {
     void start_services();
     // The title with the user count and "Ready...".
     void ready();
-    // Everything above in order.
+    // Everything above in order, with the table saver and the admin socket started before
+    // "Ready...".
     void start();
+
+    // Event thread: re-reads settings.ini and applies it as a Save of the Server Settings
+    // dialog does: Max Users at once, services started, stopped or moved to a new port; a new
+    // home directory only at the next start. Sessions stay.
+    void reload_settings();
+    // Makes `signals` (SIGHUP) call reload_settings() on every hang-up until cancelled.
+    void watch_hangups(asio::signal_set& signals);
 
     // Runs the event loop on the calling thread until request_stop().
     void run();
@@ -45,6 +60,8 @@ class ServerApp {
     Server server_;
     std::unique_ptr<TelnetServer> telnet_;
     std::unique_ptr<FtpServer> ftp_;
+    std::unique_ptr<TableSaver> saver_;
+    std::unique_ptr<AdminSocket> admin_socket_;
     bool shut_down_ = false;
 };
 

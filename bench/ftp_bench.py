@@ -485,8 +485,8 @@ def timed(server, load, cpu, key, units, args, value_key):
     a second or more of CPU on a login."""
     before = []
     values = load.values(args, value_key, lambda: before.append(server.cpu_seconds()))
-    cpu[key] = spent_since(server, before[0]) / units
-    cpu["client " + key] = load.client_cpu / units
+    cpu[key] = [spent_since(server, before[0]) / units]
+    cpu["client " + key] = [load.client_cpu / units]
     return values
 
 
@@ -524,26 +524,30 @@ def measure(server, load, home, quick, extra):
     log("  logins ...")
     seconds = 2 if quick else 5
     before = server.cpu_seconds()
-    res["logins"] = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
-                                       "logins_per_s"))
+    login_rates = load.values(["logins", str(LOGIN_CLIENTS), str(seconds)], "logins_per_s")
+    res["logins"] = median(login_rates)
+    res["spread"] = {"logins": (min(login_rates), max(login_rates))}
     logins = max(1.0, res["logins"] * seconds)
-    cpu["logins"] = spent_since(server, before) / logins * 1e3
-    cpu["client logins"] = load.client_cpu / logins * 1e3
+    cpu["logins"] = [spent_since(server, before) / logins * 1e3]
+    cpu["client logins"] = [load.client_cpu / logins * 1e3]
     log("  list ...")
     count = 3 if quick else 15
     lists = timed(server, load, cpu, "list", count / 1e3, ["list", "many", str(count)],
                   "list_ms")
-    res["list"] = median(lists[1:] if len(lists) > 1 else lists)
+    counted = lists[1:] if len(lists) > 1 else lists
+    res["list"] = median(counted)
+    res["spread"]["list"] = (min(counted), max(counted))
     res["runs"], more = transfers(server, load, home, quick)
     cpu.update(more)
     log("  idle sessions ...")
     base = server.pss_kib()
     pss, processes, _ = load.idle(IDLE_SESSIONS)
-    res["mem"] = pss / IDLE_SESSIONS
+    # Per session: what the sessions add to the idle server (the table's row and this note
+    # give the same figure).
+    res["mem"] = (pss - base) / IDLE_SESSIONS
     notes.append("%s: %d idle sessions: PSS %d KiB in %d processes (%d KiB before them); "
                  "%.1f KiB per session above that" % (server.name, IDLE_SESSIONS, pss,
-                                                      processes, base,
-                                                      (pss - base) / IDLE_SESSIONS))
+                                                      processes, base, res["mem"]))
     if extra:
         # Everything of the previous sessions must be gone before all 10,000 places are used.
         resting = None
@@ -556,11 +560,11 @@ def measure(server, load, home, quick, extra):
             time.sleep(0.5)
         log("  %d idle sessions ..." % IDLE_MANY)
         pss, processes, opened = load.idle(IDLE_MANY, settle=2.0)
-        res["many"] = pss / IDLE_MANY
+        res["many"] = (pss - base) / IDLE_MANY
         notes.append("%s: %d idle sessions held by one process: PSS %.1f MiB, %.1f KiB per "
-                     "session (%.1f KiB above the idle server), opened in %.1f s"
+                     "session with the idle server (%.1f KiB above it), opened in %.1f s"
                      % (server.name, IDLE_MANY, pss / 1024.0, pss / IDLE_MANY,
-                        (pss - base) / IDLE_MANY, opened))
+                        res["many"], opened))
     return res, cpu, notes
 
 
@@ -582,32 +586,54 @@ def ratio_text(ours, best, higher):
     return "%.2fx" % r, r
 
 
+def cell(value, spread=None):
+    """A figure as its median and, where there were several runs, their range."""
+    if value is None:
+        return "-"
+    text = "%.1f" % value if value >= 10 else "%.3f" % value
+    if spread and spread[0] != spread[1]:
+        fmt = "%.0f-%.0f" if value >= 10 else "%.3f-%.3f"
+        text += " (" + fmt % spread + ")"
+    return text
+
+
+def best_peer(results, peers, key, higher):
+    """The peer with the best median of `key`, and that median."""
+    have = [(results[p][key], p) for p in peers if key in results.get(p, {})]
+    if not have:
+        return None, None
+    value, name = (max if higher else min)(have)
+    return name, value
+
+
 def report(results, peers, notes):
     names = ["Orvane"] + peers
-    head = "%-28s %6s" % ("figure", "unit") + "".join("%11s" % n for n in names)
+    width = 22
+    head = "%-28s %5s " % ("figure (median, min-max)", "unit") + "".join(
+        "%*s" % (width, n) for n in names)
     if peers:
-        head += "%11s %8s %8s  %s" % ("best peer", "ratio", "goal", "")
+        head += "%11s %7s %7s" % ("best peer", "ratio", "goal")
     else:
-        head += "%11s %8s %8s" % ("anchor", "ratio", "goal")
+        head += "%11s %7s %7s" % ("anchor", "ratio", "goal")
     log("")
     log(head)
     log("-" * len(head))
     verdicts = []
     for key, label, unit, higher, goal in FIGURES:
-        row = "%-28s %6s" % (label, unit)
+        row = "%-28s %5s " % (label, unit)
         for n in names:
-            v = results.get(n, {}).get(key)
-            row += "%11s" % ("%.1f" % v if v is not None else "-")
+            r = results.get(n, {})
+            row += "%*s" % (width, cell(r.get(key), r.get("spread", {}).get(key)))
         ours = results["Orvane"][key]
         if peers:
-            values = [results[p][key] for p in peers if key in results.get(p, {})]
-            best = (max if higher else min)(values) if values else None
+            who, best = best_peer(results, peers, key, higher)
         else:
             best = ANCHOR_BEST[key]
+            who = "%.1f" % best
         text, r = ratio_text(ours, best, higher)
         ok = r is not None and (r >= goal if higher else r <= goal)
         goal_text = ("%s%.1fx" % (">=" if higher else "<=", goal))
-        row += "%11s %8s %8s" % ("%.1f" % best if best else "-", text, goal_text)
+        row += "%11s %7s %7s" % (who or "-", text, goal_text)
         if peers:
             row += "  %s" % ("met" if ok else "MISSED")
         verdicts.append((label, ok))
@@ -620,22 +646,38 @@ def report(results, peers, notes):
 CPU_FIGURES = [("retr", "RETR", "s/GiB"), ("stor", "STOR", "s/GiB"),
                ("par", "32 x 64 MiB RETR", "s/GiB"),
                ("logins", "login", "ms"), ("list", "LIST of 10,000", "ms")]
+# The figure whose best peer the CPU time is compared with, and the goal for that ratio.
+CPU_GOALS = {"retr": ("retr", 0.8), "stor": ("stor", 0.8), "par": ("par", 0.8)}
 
 
-def report_cpu(cpus, names):
+def report_cpu(cpus, names, results):
     log("")
-    log("CPU time per unit of work, of the server and of the load client against it (less "
-        "affected by the machine's other load than the rates):")
-    head = "%-28s %6s" % ("workload", "unit") + "".join("%11s" % n for n in names)
+    log("CPU time per unit of work, of the server and of the load client against it (median "
+        "of the rounds, min-max; less affected by the machine's other load than the rates). "
+        "The ratio compares Orvane's server time with that of the peer with the best rate:")
+    width = 22
+    head = "%-28s %5s " % ("workload", "unit") + "".join("%*s" % (width, n) for n in names)
+    peers = names[1:]
+    if peers:
+        head += "%11s %7s %7s" % ("best peer", "ratio", "goal")
     log(head)
     log("-" * len(head))
     for key, label, unit in CPU_FIGURES:
         for who, k in (("server", key), ("client", "client " + key)):
             if not any(k in cpus.get(n, {}) for n in names):
                 continue
-            log("%-28s %6s" % ("%s, %s" % (label, who), unit)
-                + "".join("%11.3f" % cpus[n][k] if k in cpus.get(n, {}) else "%11s" % "-"
-                          for n in names))
+            row = "%-28s %5s " % ("%s, %s" % (label, who), unit)
+            for n in names:
+                v = cpus.get(n, {}).get(k)
+                row += "%*s" % (width, cell(median(v), (min(v), max(v))) if v else "-")
+            if peers and who == "server" and key in CPU_GOALS and k in cpus.get("Orvane", {}):
+                figure, goal = CPU_GOALS[key]
+                best, _ = best_peer(results, peers, figure, True)
+                if best and cpus.get(best, {}).get(k):
+                    ratio = median(cpus["Orvane"][k]) / median(cpus[best][k])
+                    row += "%11s %6.2fx %7s  %s" % (best, ratio, "<=%.1fx" % goal,
+                                                    "met" if ratio <= goal else "MISSED")
+            log(row)
 
 
 def main():
@@ -698,7 +740,7 @@ def main():
         # of its memory has been used once), which favours whichever server happens to run at a
         # good moment. So with peers the transfers run in ROUNDS rounds, every other one in the
         # reverse order, and each figure is the median of all of a server's runs; the CPU
-        # figures are the mean of the rounds.
+        # figures are the median of the rounds.
         if len(servers) > 1:
             rounds = {server.name: 1 for server in servers}
             for round_no in range(2, ROUNDS + 1):
@@ -723,11 +765,12 @@ def main():
                         results[name]["runs"][key] += values
                     rounds[name] += 1
                     for key, value in more.items():
-                        cpus[name][key] += (value - cpus[name][key]) / rounds[name]
+                        cpus[name][key] += value
         for name in results:
             runs = results[name]["runs"]
             for key, values in runs.items():
                 results[name][key] = median(values)
+                results[name]["spread"][key] = (min(values), max(values))
             notes.append("%s: medians of %d RETR, %d STOR and %d 32 x 64 MiB runs"
                          % (name, len(runs["retr"]), len(runs["stor"]), len(runs["par"])))
     finally:
@@ -743,7 +786,7 @@ def main():
     notes.append("load average at end: %s; %.0f s in all" % (load_average(),
                                                              time.monotonic() - started))
     report(results, [s.name for s in servers[1:]], notes)
-    report_cpu(cpus, [s.name for s in servers])
+    report_cpu(cpus, [s.name for s in servers], results)
 
 
 if __name__ == "__main__":

@@ -153,7 +153,7 @@ void fetch(FtpJob& job, const NodePtr& dir, const std::string& name, const std::
     target.close();
     if (job.slot->cwd() != start_cwd)
         return;
-    if (!add_received_file(job.server, user, dir, name, target.real_path()))
+    if (!add_received_file(job.server, user, dir, name, target.size()))
         job.say(
             "Could not add file to Virtual File System\r\nContact the system administrator.\r\n");
 }

@@ -1,9 +1,12 @@
 #include "client/local_files.hpp"
 
 #include "accounts/accounts.hpp"
+#include "accounts/group.hpp"
 #include "accounts/user.hpp"
 #include "core/server.hpp"
+#include "platform/files.hpp"
 #include "platform/text.hpp"
+#include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
 
 #include <cerrno>
@@ -22,6 +25,14 @@ NodePtr mark_busy(const NodePtr& node) {
     if (node && node->status.compare_exchange_strong(expected, kStatusBusy))
         return node;
     return nullptr;
+}
+
+// The group a received file shows: one named after the user, which has no members.
+std::shared_ptr<Group> user_named_group(const User& user) {
+    auto group = std::make_shared<Group>();
+    group->gid = user.uid;
+    group->name = user.name;
+    return group;
 }
 
 void unmark_busy(NodePtr& node) {
@@ -63,34 +74,45 @@ ReceiveTarget::~ReceiveTarget() {
 OpenResult ReceiveTarget::open(Server& server, const User* user, const NodePtr& dir,
                                const std::string& name) {
     NodePtr existing;
+    HostPath dir_path;
     {
         std::shared_lock lock(server.tree_mutex);
-        if (!server.vfs || !dir || !valid_new_name(name))
+        if (!server.vfs || !dir || !valid_new_name(name) || !virtual_path_fits(*dir, name))
             return OpenResult::Denied;
         existing = find_child(*dir, name);
         // A new file needs the directory's write permission, as a stored file does on the
         // FTP side; an existing one its own.
         if (existing ? existing->is_dir() || !can_write(user, *existing) : !can_write(user, *dir))
             return OpenResult::Denied;
-        std::string base = node_real_path(*server.vfs, *dir);
-        if (base.empty())
+        dir_path = node_host_path(*server.vfs, *dir);
+        if (dir_path.empty())
             return OpenResult::Failed;
-        real_path_ = base + "/" + name;
     }
     if (existing) {
         busy_ = mark_busy(existing);
         if (!busy_)
             return OpenResult::Denied; // in use by another transfer, or being unmounted
     }
-    // O_NOFOLLOW: a host link that the tree left out must not lead the write elsewhere.
-    fd_ = ::open(real_path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd_ >= 0) {
-        created_ = true;
-    } else if (errno == EEXIST) {
-        fd_ = ::open(real_path_.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
+    // Inside the directory as it is now on the host: a link put in place of the directory or
+    // the file leads nowhere, and only a regular file is written.
+    dir_fd_ = open_host_dir(dir_path);
+    if (dir_fd_ >= 0) {
+        name_ = name;
+        fd_ = ::openat(dir_fd_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                       0644);
+        if (fd_ >= 0) {
+            created_ = true;
+        } else if (errno == EEXIST) {
+            fd_ = ::openat(dir_fd_, name.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+            if (fd_ >= 0 && (!is_regular_file(fd_) ||
+                             ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK) != 0)) {
+                ::close(fd_);
+                fd_ = -1;
+            }
+        }
     }
     if (fd_ < 0) {
-        unmark_busy(busy_);
+        close();
         return OpenResult::Failed;
     }
     return OpenResult::Ok;
@@ -106,20 +128,23 @@ void ReceiveTarget::begin() {
 
 void ReceiveTarget::close() {
     if (fd_ >= 0) {
+        struct stat st {};
+        if (::fstat(fd_, &st) == 0)
+            size_ = static_cast<uint32_t>(st.st_size);
         ::close(fd_);
         fd_ = -1;
         if (created_ && !begun_)
-            ::unlink(real_path_.c_str());
+            ::unlinkat(dir_fd_, name_.c_str(), 0);
+    }
+    if (dir_fd_ >= 0) {
+        ::close(dir_fd_);
+        dir_fd_ = -1;
     }
     unmark_busy(busy_);
 }
 
 bool add_received_file(Server& server, const std::shared_ptr<User>& user, const NodePtr& dir,
-                       const std::string& name, const std::string& real_path) {
-    uint32_t size = 0;
-    struct stat st {};
-    if (::stat(real_path.c_str(), &st) == 0)
-        size = static_cast<uint32_t>(st.st_size);
+                       const std::string& name, uint32_t size) {
     std::unique_lock lock(server.tree_mutex);
     if (!server.vfs || !server.accounts || !dir)
         return false;
@@ -131,13 +156,14 @@ bool add_received_file(Server& server, const std::shared_ptr<User>& user, const 
                         &server.memory_allocated);
     if (!node)
         return false;
-    // A received file starts afresh: the user owns it, rwxr-xr-x, no group.
+    // A received file starts afresh: the user owns it, rwxr-xr-x, and its group column
+    // shows the user's own name (a group of that name that grants nobody anything).
     node->size = size;
     node->kind = '-';
     node->mount = dir->mount;
     node->creator = user;
     node->owner = user;
-    node->group = nullptr;
+    node->group = user_named_group(*user);
     node->flags = {1, 1, 1, 1, 0, 1, 1, 0, 1};
     node->status = kStatusNormal;
     return true;
@@ -150,30 +176,42 @@ SendSource::~SendSource() {
 OpenResult SendSource::open(Server& server, const User* user, const NodePtr& dir,
                             const std::string& name) {
     NodePtr node;
+    HostPath path;
     {
         std::shared_lock lock(server.tree_mutex);
-        if (dir)
-            node = find_child(*dir, name);
+        if (!dir || !server.vfs)
+            return OpenResult::Failed;
+        node = find_child(*dir, name);
+        if (!node) {
+            // A host file the tree does not know (made on the host after the scan) is sent
+            // too, but only from a directory the user may read, and only by a plain name.
+            if (!valid_new_name(name))
+                return OpenResult::Failed;
+            if (!can_read(user, *dir))
+                return OpenResult::Denied;
+            path = child_host_path(node_host_path(*server.vfs, *dir), name);
+        }
     }
-    return open(server, user, node);
+    if (node)
+        return open(server, user, node);
+    // Read-write on purpose, as the client always opened its source.
+    fd_ = open_host_file(path, true);
+    return fd_ < 0 ? OpenResult::Failed : OpenResult::Ok;
 }
 
 OpenResult SendSource::open(Server& server, const User* user, const NodePtr& node) {
-    std::string real;
+    HostPath path;
     {
         std::shared_lock lock(server.tree_mutex);
         if (node && !can_read_path(user, *node))
             return OpenResult::Denied;
-        // Only files the tree knows are sent: a host file it left out (a link leading
-        // outside, a name it cannot hold) stays out of reach.
         if (!node || node->is_dir() || !server.vfs)
             return OpenResult::Failed;
-        real = node_real_path(*server.vfs, *node);
+        path = node_host_path(*server.vfs, *node);
     }
-    if (real.empty())
-        return OpenResult::Failed;
-    // Read-write on purpose, as the client always opened its source.
-    fd_ = ::open(real.c_str(), O_RDWR | O_CLOEXEC);
+    // Read-write on purpose, as the client always opened its source; below the node's base
+    // and only a regular file, so a link put in its place on the host leads nowhere.
+    fd_ = open_host_file(path, true);
     if (fd_ < 0)
         return OpenResult::Failed;
     busy_ = mark_busy(node);

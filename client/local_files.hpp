@@ -3,6 +3,7 @@
 // file goes, which sent file may be read, and how a received file enters the tree.
 #include "vfs/node.hpp"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -43,22 +44,26 @@ class ReceiveTarget {
     void begin();
     // Closes the file; the transfer never started writing: a file we created goes again.
     void close();
-    const std::string& real_path() const { return real_path_; }
+    // The file's size when it was closed.
+    uint32_t size() const { return size_; }
 
   private:
     int fd_ = -1;
+    int dir_fd_ = -1; // the directory it is in, as opened below its base
+    std::string name_;
     bool created_ = false;
     bool begun_ = false;
-    std::string real_path_;
+    uint32_t size_ = 0;
     NodePtr busy_; // an existing node marked busy while it is rewritten
 };
 
-// Adds a received file to the directory, or re-initialises the node of that name in place
-// (its siblings stay where they are). False when no node could be made.
+// Adds a received file of `size` bytes to the directory, or re-initialises the node of that
+// name in place (its siblings stay where they are). False when no node could be made.
 bool add_received_file(Server& server, const std::shared_ptr<User>& user, const NodePtr& dir,
-                       const std::string& name, const std::string& real_path);
+                       const std::string& name, uint32_t size);
 
-// A file being sent: the node must exist, be a plain file and be readable for the user.
+// A file being sent: a plain file whose node the user may read, or a host file in the
+// directory that has no node (from a directory the user may read).
 class SendSource {
   public:
     ~SendSource();

@@ -151,10 +151,17 @@ void ConnSlot::close_control() {
         if (control_) {
             asio::error_code ignored;
             control_->socket.close(ignored);
+            control_->login_deadline.cancel();
         }
         fd_ = -1;
     }
     set_guard_ticket(nullptr);
+}
+
+void ConnSlot::shutdown_control() {
+    std::lock_guard lock(io_mutex_);
+    if (fd_ >= 0)
+        ::shutdown(fd_, SHUT_RDWR);
 }
 
 bool ConnSlot::control_open() const {

@@ -102,6 +102,9 @@ class ConnSlot {
     void attach_control(std::unique_ptr<SlotSocket> socket);
     // Closes the control socket (event thread). Later sends fail quietly.
     void close_control();
+    // Shuts the connection down without closing the socket: the peer sees the end, and the
+    // event thread's next read sees a close event and ends the session the usual way.
+    void shutdown_control();
     bool control_open() const;
     int control_fd() const;
 

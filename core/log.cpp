@@ -6,6 +6,17 @@
 #include <cstdio>
 
 namespace orv {
+namespace {
+thread_local LogCapture* current_capture = nullptr;
+}
+
+LogCapture::LogCapture() : outer_(current_capture) {
+    current_capture = this;
+}
+
+LogCapture::~LogCapture() {
+    current_capture = outer_;
+}
 
 void Log::set_sink(Sink sink) {
     std::lock_guard lock(mutex_);
@@ -25,6 +36,8 @@ std::string debug_file_bytes(std::string_view text) {
 }
 
 void Log::log_message(std::string_view text) {
+    if (current_capture)
+        current_capture->lines.emplace_back(text);
     std::lock_guard lock(mutex_);
     if (!sink_)
         return;

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orv {
 
@@ -25,6 +26,22 @@ class Log {
     std::mutex mutex_;
     Sink sink_;
     std::filesystem::path debug_file_;
+};
+
+// While one is alive, every line logged on the thread that made it is also kept in `lines`
+// (whether or not the log has a view), so that the admin command line can report what its
+// operation logged.
+class LogCapture {
+  public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+    std::vector<std::string> lines;
+
+  private:
+    friend class Log;
+    LogCapture* outer_;
 };
 
 // The debug file's bytes for one logged text: "\r\n" is added only when the text has none.

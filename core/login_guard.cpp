@@ -55,6 +55,12 @@ bool session_gone(const ConnSlot& slot) {
 
 } // namespace
 
+void settle_gone_session(ConnSlot& slot) {
+    // Back at the login, with nothing typed ahead: a ghost frees such a session at once.
+    slot.line_buf.clear();
+    slot.state = 1;
+}
+
 const char* service_name(Service service) {
     switch (service) {
     case Service::Ftp:
@@ -150,7 +156,7 @@ void LoginGuard::login_failed(const SlotPtr& slot, std::string_view account,
     }
     if (settings.login_delay_ms <= 0) {
         if (session_gone(*slot)) {
-            slot->state = 3;
+            settle_gone_session(*slot);
             server_.log_login_failure(*slot);
             return;
         }
@@ -167,8 +173,7 @@ void LoginGuard::login_failed(const SlotPtr& slot, std::string_view account,
         if (ec)
             return;
         if (session_gone(*slot)) {
-            // A ghost waits for the session to be idle before it frees it.
-            slot->state = 3;
+            settle_gone_session(*slot);
             server->log_login_failure(*slot);
             return;
         }

@@ -70,6 +70,10 @@ class LoginGuard {
     std::shared_ptr<GuardShared> shared_;
 };
 
+// A session that went away while its login was decided (event thread): it is put back at the
+// login with nothing typed ahead, so that nothing runs for it and it can be freed.
+void settle_gone_session(ConnSlot& slot);
+
 // "FTP", "Telnet": the service as the auth log names it.
 const char* service_name(Service service);
 

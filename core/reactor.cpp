@@ -37,9 +37,26 @@ void arm(Server& server, const SlotPtr& slot, std::shared_ptr<ControlEvents> eve
         });
 }
 
+// Sessions still at the login count toward maxusers, so each gets only so long to finish it.
+void start_login_deadline(Server& server, const SlotPtr& slot) {
+    SlotSocket* s = slot->control();
+    if (!s)
+        return;
+    s->login_deadline.expires_after(std::chrono::milliseconds(server.login_time_limit_ms.load()));
+    std::weak_ptr<ConnSlot> weak = slot;
+    s->login_deadline.async_wait([weak](const asio::error_code& ec) {
+        if (ec)
+            return;
+        SlotPtr late = weak.lock();
+        if (late && !late->logged_in)
+            late->shutdown_control();
+    });
+}
+
 } // namespace
 
 void watch_control(Server& server, const SlotPtr& slot, ControlEvents events) {
+    start_login_deadline(server, slot);
     arm(server, slot, std::make_shared<ControlEvents>(std::move(events)));
 }
 

@@ -20,7 +20,9 @@ struct ControlEvents {
 };
 
 // Starts waiting on the slot's control socket; re-arms itself after every read event as long
-// as the control socket is open. Event thread.
+// as the control socket is open. Event thread. A connection that has not completed its login
+// (FTP USER + PASS, Telnet name + password) within server.login_time_limit_ms is shut down,
+// and its close event ends the session as any close does.
 void watch_control(Server& server, const SlotPtr& slot, ControlEvents events);
 
 } // namespace orv

@@ -51,7 +51,7 @@ void Server::log_login_failure(const ConnSlot& slot) {
         std::shared_lock lock(tree_mutex);
         name = user->name;
     }
-    log.logf("(%i) Login failure for user (%s)", socket, name.c_str());
+    log.logf("(%i) Login failure for user (%s)", socket, log_safe(name).c_str());
 }
 
 void Server::update_title(bool full_test) {

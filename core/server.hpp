@@ -6,6 +6,7 @@
 #include "core/log.hpp"
 #include "core/login_guard.hpp"
 #include "core/settings.hpp"
+#include "core/tree_mutex.hpp"
 #include "core/workers.hpp"
 
 #include <array>
@@ -58,12 +59,16 @@ class Server {
 
     // Guards the tree and the accounts: shared for look-ups and listings, exclusive for
     // changes. Never held across a network send, a host file copy or a sleep.
-    mutable std::shared_mutex tree_mutex;
+    mutable TreeMutex tree_mutex;
     std::shared_ptr<Accounts> accounts;
     std::shared_ptr<VfsTree> vfs;
 
     // Bytes of nodes, mounts, users and groups made (logged as "Memory allocated - %li").
     std::atomic<long> memory_allocated{0};
+
+    // How long a connection may take to complete its login before it is closed, so that
+    // sockets idling at the login cannot hold every place under maxusers. Tests shorten it.
+    std::atomic<int> login_time_limit_ms{60000};
 
     // Set when the server stops: worker loops end early.
     std::atomic<bool> stopping{false};

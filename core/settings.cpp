@@ -12,6 +12,16 @@ std::string strip_one_trailing_separator(std::string path) {
     return path;
 }
 
+std::string resolve_configured_path(const std::filesystem::path& start_dir,
+                                    const std::string& configured) {
+    if (configured.empty() || configured.front() == '/' || start_dir.empty())
+        return configured;
+    std::string out = start_dir.string();
+    if (!out.ends_with('/'))
+        out += '/';
+    return out + configured;
+}
+
 Settings read_settings(const std::filesystem::path& settings_path) {
     IniFile ini = IniFile::load(settings_path);
     Settings s;

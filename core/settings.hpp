@@ -23,6 +23,12 @@ Settings read_settings(const std::filesystem::path& settings_path);
 // Writes the six values back, keeping other lines of the file.
 bool write_settings(const std::filesystem::path& settings_path, const Settings& settings);
 
+// A directory as settings.ini (serverhome) or `mounts` names it, as the server uses it: a
+// relative one is taken from the start directory, whatever the process's working directory
+// is; an absolute or empty one is returned as it is.
+std::string resolve_configured_path(const std::filesystem::path& start_dir,
+                                    const std::string& configured);
+
 // Removes one trailing "/" or "\" (so "/srv/ftp/" becomes "/srv/ftp" and "/" becomes empty).
 std::string strip_one_trailing_separator(std::string path);
 

@@ -7,6 +7,7 @@
 #include "ftpd/dispatcher.hpp"
 #include "ftpd/replies.hpp"
 #include "platform/net.hpp"
+#include "platform/text.hpp"
 
 #include <cstring>
 
@@ -22,6 +23,13 @@ std::string take_command_line(std::string& buffer) {
 }
 
 namespace {
+
+// PASS in any case, alone or followed by a blank or another separator a client might use.
+bool is_password_line(std::string_view line) {
+    if (line.size() < 4 || to_upper_ascii(line.substr(0, 4)) != "PASS")
+        return false;
+    return line.size() == 4 || static_cast<unsigned char>(line[4]) <= ' ';
+}
 
 void close_after(FtpContext& ctx, const SlotPtr& slot) {
     int socket = slot->socket;
@@ -94,10 +102,12 @@ void on_control_read(const FtpContextPtr& ctx, const SlotPtr& slot, const char* 
     std::string line = take_command_line(buffer);
     int socket = slot->socket;
     if (!line.empty()) {
-        if (slot->state == 2)
+        // A password never reaches the log, whatever the session's state: PASS before USER,
+        // or a second PASS, carries one too.
+        if (slot->state == 2 || is_password_line(line))
             server.log.logf("(%i) <password>", socket);
         else
-            server.log.logf("(%i) %s", socket, line.c_str());
+            server.log.logf("(%i) %s", socket, log_safe(line).c_str());
         ftp_dispatch(ctx, slot, std::move(line));
     } else if (slot->state != 3) {
         server.log.logf("(%i) <nothing>", socket);

@@ -69,7 +69,8 @@ std::string opening_reply(char type, long long size) {
 namespace {
 
 constexpr int kDataPort = 20;
-constexpr int kConnectTimeoutMs = 8000; // inside the shutdown wait for running commands
+constexpr uint16_t kLowestDataPort = 1024; // the ports below belong to the host's services
+constexpr int kConnectTimeoutMs = 8000;    // inside the shutdown wait for running commands
 
 // A socket bound to the data port, or to any port when the process may not use port 20.
 // Returns -1 after logging the failure.
@@ -96,7 +97,7 @@ int bound_data_socket(Server& server, bool allow_port_20) {
 }
 
 bool peer_matches(const ConnSlot& slot, const std::string& address, uint32_t& addr_be) {
-    if (!slot.peer_known || !parse_ipv4(address, addr_be))
+    if (!slot.peer_known || !parse_ipv4_classic(address, addr_be))
         return false;
     return std::memcmp(&addr_be, slot.peer.data(), sizeof addr_be) == 0;
 }
@@ -113,9 +114,11 @@ int open_data_connection(Server& server, ConnSlot& slot, const std::string& port
 
     PortTarget target = decode_port_arg(port_arg);
     uint32_t addr_be = 0;
-    // Only the control connection's own peer is ever connected to (no bounces to third hosts).
-    int rc = peer_matches(slot, target.address, addr_be) && target.port > 0
-                 ? connect_ipv4(fd, addr_be, static_cast<uint16_t>(target.port), kConnectTimeoutMs)
+    // Only the control connection's own peer is ever connected to, and never on a port of its
+    // privileged services (no bounces to third hosts or to the client's own servers).
+    auto port = static_cast<uint16_t>(target.port);
+    int rc = peer_matches(slot, target.address, addr_be) && port >= kLowestDataPort
+                 ? connect_ipv4(fd, addr_be, port, kConnectTimeoutMs)
                  : ECONNREFUSED;
     if (rc == EADDRNOTAVAIL || rc == EADDRINUSE) {
         // Port 20 to this client port is still in TIME_WAIT from an earlier transfer: take
@@ -124,7 +127,7 @@ int open_data_connection(Server& server, ConnSlot& slot, const std::string& port
         fd = bound_data_socket(server, false);
         if (fd < 0)
             return -1;
-        rc = connect_ipv4(fd, addr_be, static_cast<uint16_t>(target.port), kConnectTimeoutMs);
+        rc = connect_ipv4(fd, addr_be, port, kConnectTimeoutMs);
     }
     if (rc != 0) {
         server.log_message("Data Connection failed!");

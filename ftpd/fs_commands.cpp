@@ -3,10 +3,12 @@
 #include "accounts/accounts.hpp"
 #include "core/server.hpp"
 #include "ftpd/replies.hpp"
+#include "platform/files.hpp"
 #include "platform/text.hpp"
 #include "vfs/tree.hpp"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <shared_mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +35,38 @@ NodePtr resolve(const Server& server, const User* user, const NodePtr& cwd, std:
 void clear_busy(VfsNode& node) {
     uint8_t busy = kStatusBusy;
     node.status.compare_exchange_strong(busy, kStatusNormal);
+}
+
+bool is_mount_point(const VfsNode& node, const VfsNode& parent) {
+    return node.mount && node.mount != parent.mount;
+}
+
+// Host directories are made and removed through a handle on their parent, opened below the
+// base directory: no link made on the host leads elsewhere, and paths deeper than the host's
+// path limit still work. Both return 0 or the errno value.
+int make_host_directory(const HostPath& parent, const std::string& name) {
+    if (parent.empty())
+        return ENOENT; // the directory has left the tree
+    int dir = open_beneath(parent.base, parent.relative, O_RDONLY | O_DIRECTORY);
+    if (dir < 0)
+        return errno;
+    int rc = ::mkdirat(dir, name.c_str(), 0755) == 0 ? 0 : errno;
+    ::close(dir);
+    return rc;
+}
+
+int remove_host_directory(const HostPath& host) {
+    if (host.empty() || host.relative.empty())
+        return EBUSY; // a base directory (the home or a mount's) is never removed
+    size_t cut = host.relative.rfind('/');
+    std::string parent = cut == std::string::npos ? std::string() : host.relative.substr(0, cut);
+    std::string name = host.relative.substr(cut == std::string::npos ? 0 : cut + 1);
+    int dir = open_beneath(host.base, parent, O_RDONLY | O_DIRECTORY);
+    if (dir < 0)
+        return errno;
+    int rc = ::unlinkat(dir, name.c_str(), AT_REMOVEDIR) == 0 ? 0 : errno;
+    ::close(dir);
+    return rc;
 }
 
 } // namespace
@@ -73,13 +107,15 @@ std::string make_directory(Server& server, const ConnSlot& slot, std::string arg
     std::shared_ptr<User> user = slot.checked_user();
     NodePtr parent;
     std::string name;
-    std::string real;
+    HostPath host;
     {
         std::shared_lock lock(server.tree_mutex);
         NodePtr cwd = slot.cwd();
         if (resolve(server, user.get(), cwd, word))
             return strf(ftp_text::kMkdExistsFmt, word.c_str());
-        size_t cut = word.find_last_of("\\/");
+        // Only "\" parts the parent from the new name; whatever is left must be one component,
+        // so "open/made" is a name that cannot be made, not "made" inside "open".
+        size_t cut = word.rfind('\\');
         if (cut == std::string::npos) {
             name = word;
             parent = user ? cwd : nullptr;
@@ -89,15 +125,17 @@ std::string make_directory(Server& server, const ConnSlot& slot, std::string arg
             parent = resolve(server, user.get(), cwd,
                              cut == 0 ? word.substr(0, 1) : word.substr(0, cut));
         }
-        if (!parent || !valid_new_name(name))
+        if (!parent || !parent->is_dir() || !valid_new_name(name) ||
+            !virtual_path_fits(*parent, name))
             return strf(ftp_text::kMkdNoParentFmt, word.c_str());
         if (!can_write(user.get(), *parent))
             return ftp_text::kMkdDenied;
-        real = child_real_path(*server.vfs, *parent, name);
+        host = node_host_path(*server.vfs, *parent);
     }
-    if (::mkdir(real.c_str(), 0755) != 0)
-        return errno == EEXIST ? strf(ftp_text::kMkdExistsFmt, word.c_str())
-                               : std::string(ftp_text::kMkdDenied);
+    int made = make_host_directory(host, name);
+    if (made != 0)
+        return made == EEXIST ? strf(ftp_text::kMkdExistsFmt, word.c_str())
+                              : std::string(ftp_text::kMkdDenied);
     {
         std::unique_lock lock(server.tree_mutex);
         if (!find_child(*parent, name))
@@ -111,7 +149,7 @@ std::string remove_directory(Server& server, const ConnSlot& slot, std::string a
     std::string word = next_word(argument);
     std::shared_ptr<User> user = slot.checked_user();
     NodePtr node;
-    std::string real;
+    HostPath host;
     {
         // Exclusive: the checks and the busy mark must not interleave with another command's.
         std::unique_lock lock(server.tree_mutex);
@@ -121,16 +159,20 @@ std::string remove_directory(Server& server, const ConnSlot& slot, std::string a
             return strf(ftp_text::kRmdMissingFmt, "");
         if (!node->children.empty())
             return strf(ftp_text::kRmdNotEmptyFmt, "");
-        // The root (and a directory already taken out of the tree) is never removed.
-        if (!can_read(user.get(), *node) || !can_write(user.get(), *node) || !node->parent_node())
+        // Taking an entry out of a directory needs write permission there, as DELE does. The
+        // root (and a directory already taken out of the tree) is never removed, nor is a
+        // mount point: that would remove the mounted host directory itself.
+        NodePtr parent = node->parent_node();
+        if (!parent || is_mount_point(*node, *parent) || !can_read(user.get(), *node) ||
+            !can_write(user.get(), *node) || !can_write(user.get(), *parent))
             return strf(ftp_text::kRmdDeniedFmt, "");
         uint8_t normal = kStatusNormal;
         if (!node->status.compare_exchange_strong(normal, kStatusBusy))
             return ftp_text::kRmdBusy;
-        real = node_real_path(*server.vfs, *node);
+        host = node_host_path(*server.vfs, *node);
     }
     std::string name = word.substr(word.find_last_of('\\') + 1);
-    if (::rmdir(real.c_str()) != 0) {
+    if (remove_host_directory(host) != 0) {
         clear_busy(*node);
         return strf(ftp_text::kRmdInUseFmt, name.c_str());
     }

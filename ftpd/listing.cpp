@@ -108,6 +108,11 @@ ListingPlan plan_listing(const VfsNode* cwd, const User* user, const std::string
         return plan;
     }
     if (NodePtr dir = find_child(*cwd, word)) {
+        // The entries of a directory are shown only to those who may read that directory.
+        if (dir->is_dir() && !can_read(user, *dir)) {
+            plan.refusal = ftp_text::kListDenied;
+            return plan;
+        }
         // A named entry is listed whole, after its own "." and ".." (the root is its own
         // parent, as in path resolution).
         NodePtr parent = dir->parent_node();

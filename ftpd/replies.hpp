@@ -34,6 +34,11 @@ inline constexpr const char* kTransferComplete = "226 Transfer complete\r\n";
 // must not be told that it was stored.
 inline constexpr const char* kWriteFailed =
     "452 Transfer aborted: the file could not be written\r\n";
+// A download whose file could not be read to its end (it vanished, shrank or is no regular
+// file): the client must not take what it got for the whole file.
+inline constexpr const char* kReadFailed = "451 Transfer aborted: the file could not be read\r\n";
+// A transfer whose data connection broke or was stopped before all of it moved.
+inline constexpr const char* kConnectionAborted = "426 Connection closed; transfer aborted.\r\n";
 inline constexpr const char* kNoSuchFile = "550 No such file or directory\r\n";
 inline constexpr const char* kPermissionsDenied = "550 Permissions denied\r\n";
 inline constexpr const char* kNotAddedToTree =

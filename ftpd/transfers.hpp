@@ -1,9 +1,9 @@
 #pragma once
-// RETR and STOR: the command threads and the loops that move a file over the data connection
-// and log its rate.
+// RETR and STOR: the command threads, which move a file over the data connection with the byte
+// mover and log its rate.
 #include "ftpd/ftp_context.hpp"
+#include "platform/byte_mover.hpp"
 
-#include <atomic>
 #include <chrono>
 #include <string>
 
@@ -20,25 +20,14 @@ double transfer_seconds(std::chrono::steady_clock::duration elapsed);
 // "(%i) %li bytes <verb> in %.2f seconds (%.2f Kbytes/sec)".
 std::string rate_line(int socket, long long bytes, double seconds, const char* verb);
 
-// The loops. `stop` ends them early (the session's stop flag; the server stopping).
-struct TransferStop {
-    const std::atomic<int>* session = nullptr;
-    const std::atomic<bool>* server = nullptr;
-    bool requested() const {
-        return (session && session->load() != 0) || (server && server->load());
-    }
-};
-// Sends a regular file; returns the bytes sent (0 when it cannot be opened).
-long long send_file(const std::string& path, int data_fd, TransferStop stop);
-// What an upload came to.
-struct Received {
-    long long bytes = 0;   // read from the data connection
-    long long written = 0; // of those, stored in the file
-    bool opened = false;   // the file could be opened at all
-    bool write_failed = false;
-};
-// Receives into `path` (created or truncated; a symbolic link is never followed). After a failed
-// write the upload ends at once.
-Received receive_file(int data_fd, const std::string& path, TransferStop stop);
+// What ends the data movement of a session's command: for a download, the session's stop flag
+// or the server stopping; for an upload, the server stopping, or the session's stop flag once
+// nothing more is arriving.
+MoveControl transfer_control(const ConnSlot& slot, const Server& server, bool upload);
+
+// The last reply of a transfer that moved all it could, by how it ended: a download's file
+// that could not be read to its end gets the 451 text, an upload that could not be stored the
+// 452 text, a broken or stopped connection the 426 text.
+const char* transfer_reply(MoveEnd end, bool upload);
 
 } // namespace orv

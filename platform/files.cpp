@@ -46,37 +46,84 @@ std::string_view cut_line_end(std::string_view line) {
     return line;
 }
 
-bool write_file_atomic(const std::filesystem::path& path, std::string_view content, unsigned mode) {
-    std::filesystem::path tmp = path;
-    tmp += ".tmp";
+namespace {
+constexpr size_t kWriteChunk = 1 << 16;
+}
+
+AtomicFileWriter::AtomicFileWriter(std::filesystem::path path, unsigned mode)
+    : path_(std::move(path)) {
+    tmp_ = path_;
+    tmp_ += ".tmp";
     // Always a new file of our own: a leftover (or planted) temporary file or link is removed,
     // never written through, so the table's contents cannot end up anywhere else.
-    ::unlink(tmp.c_str());
-    int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-    if (fd < 0)
-        return false;
-    ::fchmod(fd, mode);
-    const char* p = content.data();
-    size_t left = content.size();
+    ::unlink(tmp_.c_str());
+    fd_ = ::open(tmp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+    if (fd_ >= 0)
+        ::fchmod(fd_, mode);
+    buffer_.reserve(kWriteChunk);
+}
+
+AtomicFileWriter::~AtomicFileWriter() {
+    abandon();
+}
+
+void AtomicFileWriter::abandon() {
+    if (fd_ < 0)
+        return;
+    ::close(fd_);
+    fd_ = -1;
+    ::unlink(tmp_.c_str());
+}
+
+bool AtomicFileWriter::flush() {
+    const char* p = buffer_.data();
+    size_t left = buffer_.size();
     while (left > 0) {
-        ssize_t n = ::write(fd, p, left);
-        if (n < 0) {
-            ::close(fd);
-            ::unlink(tmp.c_str());
+        ssize_t n = ::write(fd_, p, left);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            abandon();
             return false;
         }
         p += n;
         left -= static_cast<size_t>(n);
     }
-    if (::fsync(fd) != 0 || ::close(fd) != 0) {
-        ::unlink(tmp.c_str());
+    buffer_.clear();
+    return true;
+}
+
+void AtomicFileWriter::append(std::string_view text) {
+    if (fd_ < 0)
+        return;
+    buffer_.append(text);
+    if (buffer_.size() >= kWriteChunk)
+        flush();
+}
+
+bool AtomicFileWriter::commit() {
+    if (fd_ < 0 || !flush())
+        return false;
+    int fd = fd_;
+    fd_ = -1;
+    bool synced = ::fsync(fd) == 0;
+    if (::close(fd) != 0 || !synced) {
+        ::unlink(tmp_.c_str());
         return false;
     }
-    if (::rename(tmp.c_str(), path.c_str()) != 0) {
-        ::unlink(tmp.c_str());
+    if (::rename(tmp_.c_str(), path_.c_str()) != 0) {
+        ::unlink(tmp_.c_str());
         return false;
     }
     return true;
+}
+
+bool write_file_atomic(const std::filesystem::path& path, std::string_view content, unsigned mode) {
+    AtomicFileWriter writer(path, mode);
+    if (!writer.ok())
+        return false;
+    writer.append(content);
+    return writer.commit();
 }
 
 int open_beneath(const std::string& base, std::string_view relative, int flags, unsigned mode) {

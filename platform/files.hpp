@@ -25,6 +25,30 @@ std::string_view cut_line_end(std::string_view line);
 bool write_file_atomic(const std::filesystem::path& path, std::string_view content,
                        unsigned mode = 0644);
 
+// The same written piece by piece, for tables too large to build whole in memory: append()
+// buffers, commit() flushes, syncs and renames over the target. Without a successful commit()
+// (a write failed, or the writer is dropped) the temporary file is removed and the target is
+// left as it was.
+class AtomicFileWriter {
+  public:
+    AtomicFileWriter(std::filesystem::path path, unsigned mode = 0644);
+    ~AtomicFileWriter();
+    AtomicFileWriter(const AtomicFileWriter&) = delete;
+    AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
+
+    bool ok() const { return fd_ >= 0; }
+    void append(std::string_view text);
+    bool commit();
+
+  private:
+    bool flush();
+    void abandon();
+    std::filesystem::path path_;
+    std::filesystem::path tmp_;
+    int fd_ = -1;
+    std::string buffer_;
+};
+
 // Opens `relative` below the directory `base` (an empty `relative` opens `base` itself) so that
 // nothing a client names can lead out of it: a symbolic link is never followed at the last
 // component, and one on the way is followed only while it stays below `base` (openat2 with

@@ -72,6 +72,14 @@ bool parse_ipv4(const std::string& text, uint32_t& addr_be) {
     return true;
 }
 
+bool parse_ipv4_classic(const std::string& text, uint32_t& addr_be) {
+    in_addr a{};
+    if (::inet_aton(text.c_str(), &a) == 0)
+        return false;
+    addr_be = a.s_addr;
+    return true;
+}
+
 std::string ipv4_text(uint32_t addr_be) {
     const auto* b = reinterpret_cast<const unsigned char*>(&addr_be);
     return std::to_string(b[0]) + "." + std::to_string(b[1]) + "." + std::to_string(b[2]) + "." +

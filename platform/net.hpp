@@ -24,6 +24,10 @@ bool set_keepalive(int fd);
 
 // Parses a dotted IPv4 address ("127.0.0.1") into network-order bytes.
 bool parse_ipv4(const std::string& text, uint32_t& addr_be);
+// Reads an address the way the classic inet_addr does (inet_aton): each part may be decimal,
+// octal with a leading 0 or hex with 0x, and fewer than four parts fill the lower bytes, so
+// "127.000.000.001" and "127.1" both name 127.0.0.1.
+bool parse_ipv4_classic(const std::string& text, uint32_t& addr_be);
 std::string ipv4_text(uint32_t addr_be);
 
 // Binds to INADDR_ANY:port. Returns 0 or the errno value.

@@ -12,8 +12,5 @@ namespace orv::telnet {
 // close_telnet_conn: true when the slot was freed (or was not in the table: "Error removing
 // user on port %i"), false when it became a ghost. Event thread.
 bool close_telnet_conn(Server& server, const SlotPtr& slot);
-// The ghost's completion event: closes the first Telnet slot whose socket is `socket` (every
-// ghost carries -1, so this need not be the ghost whose command ended). Event thread.
-bool close_telnet_socket(Server& server, int socket);
 
 } // namespace orv::telnet

@@ -7,6 +7,8 @@
 #include "platform/text.hpp"
 #include "telnetd/shell_files.hpp"
 #include "telnetd/shell_paths.hpp"
+#include "vfs/entry_rules.hpp"
+#include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
 
 #include <atomic>
@@ -27,7 +29,8 @@ constexpr size_t kCopyChunk = 8 << 20;
 // and the attributes the copy takes over.
 struct CopyEntry {
     std::vector<std::string> path; // empty for the copied node itself
-    std::string source_real;
+    HostPath source;
+    std::string refusal; // set when this node (and what is below it) is not copied
     char kind = '-';
     std::shared_ptr<User> owner;
     std::shared_ptr<Group> group;
@@ -55,7 +58,7 @@ class CopyJob {
     // Plans the copy of `item` under the tree lock; empty with `refusal` set when refused.
     std::vector<CopyEntry> plan(const NodePtr& item, std::string& refusal);
     void execute(std::vector<CopyEntry>& entries, const std::string& name);
-    bool copy_file(const std::string& from, const std::string& to, uint32_t& size);
+    bool copy_file(const HostPath& from, const HostPath& to, uint32_t& size);
     void add_nodes(const std::vector<CopyEntry>& entries, const std::string& name);
 
     Server& server_;
@@ -66,7 +69,7 @@ class CopyJob {
     SplitPath split_;
     NodePtr source_; // the source node, or the source directory of a pattern
     NodePtr dest_;
-    std::string dest_real_;
+    HostPath dest_host_;
     bool dest_marked_ = false;
 };
 
@@ -145,7 +148,7 @@ bool CopyJob::prepare(std::string arg) {
     if (refused || !dest_->status.compare_exchange_strong(expected, kStatusBusy))
         return false;
     dest_marked_ = true;
-    dest_real_ = node_real_path(tree, *dest_);
+    dest_host_ = node_host_path(tree, *dest_);
     return true;
 }
 
@@ -195,63 +198,104 @@ std::vector<CopyEntry> CopyJob::plan(const NodePtr& item, std::string& refusal) 
         refusal = "cp: Copy File Failed\r\n";
         return {};
     }
-    // An existing copy target is overwritten only when its user may write it and nothing uses
-    // it.
-    if (NodePtr existing = find_child(*dest_, name)) {
-        if (existing->status != kStatusNormal) {
-            refusal = strf("cp: %s; File Busy\r\n", name.c_str());
-            return {};
-        }
-        if (!can_write(user_.get(), *existing)) {
-            refusal = strf("cp: Permissions Denied \"%s\"\r\n", name.c_str());
-            return {};
-        }
+    // Nothing the copy makes may have a virtual path longer than the tree holds.
+    if (!virtual_path_fits(*dest_, name, depth_below(*item))) {
+        refusal = strf("cp: Copy File failed \"%s\"\r\n", name.c_str());
+        return {};
     }
+    // Every node is copied only when the user may read it, and lands only where the user may
+    // write: over an existing node that the user may write and nothing uses, or as a new name
+    // in a directory the user may write (the destination was checked already). A node the
+    // user made beforehand under the same name thus never receives unreadable content.
+    auto landing_refusal = [&](const NodePtr& target_dir, const std::string& child,
+                               const NodePtr& existing) -> std::string {
+        if (existing) {
+            if (existing->status != kStatusNormal)
+                return strf("cp: %s; File Busy\r\n", child.c_str());
+            if (!existing->is_dir() && !can_write(user_.get(), *existing))
+                return strf("cp: Permissions Denied \"%s\"\r\n", child.c_str());
+        } else if (target_dir && target_dir != dest_ && !can_write(user_.get(), *target_dir)) {
+            return strf("cp: Permissions Denied \"%s\"\r\n", child.c_str());
+        }
+        return {};
+    };
+    NodePtr top_existing = find_child(*dest_, name);
+    refusal = landing_refusal(dest_, name, top_existing);
+    if (!refusal.empty())
+        return {};
+
+    struct Pending {
+        NodePtr node;
+        std::vector<std::string> path;
+        NodePtr target_dir; // the existing directory the copy lands in; null for a new one
+    };
     std::vector<CopyEntry> entries;
-    std::vector<std::pair<NodePtr, std::vector<std::string>>> stack{{item, {}}};
+    std::vector<Pending> stack{{item, {}, dest_}};
     while (!stack.empty()) {
-        auto [node, path] = std::move(stack.back());
+        Pending p = std::move(stack.back());
         stack.pop_back();
+        const VfsNode& node = *p.node;
+        NodePtr existing = p.path.empty() ? top_existing
+                           : p.target_dir ? find_child(*p.target_dir, node.name)
+                                          : nullptr;
         CopyEntry e;
-        e.path = path;
-        e.source_real = node_real_path(tree, *node);
-        e.kind = node->kind;
-        e.owner = node->owner;
-        e.group = node->group;
-        e.flags = node->flags;
-        e.size = node->size;
+        e.path = p.path;
+        e.source = node_host_path(tree, node);
+        e.kind = node.kind;
+        e.owner = node.owner;
+        e.group = node.group;
+        e.flags = node.flags;
+        e.size = node.size;
+        if (!p.path.empty()) {
+            if (!can_read(user_.get(), node))
+                e.refusal = strf("cp: Permissions Denied \"%s\"\r\n", node.name.c_str());
+            else
+                e.refusal = landing_refusal(p.target_dir, node.name, existing);
+        }
+        if (e.refusal.empty() && existing && existing->is_dir() != node.is_dir())
+            e.refusal = strf("cp: Copy File Failed \"%s\"\r\n", node.name.c_str());
+        bool refused = !e.refusal.empty();
         entries.push_back(std::move(e));
-        for (auto it = node->children.rbegin(); it != node->children.rend(); ++it) {
-            std::vector<std::string> child_path = path;
+        if (refused)
+            continue; // nothing below a node that is not copied
+        NodePtr below = existing && existing->is_dir() ? existing : nullptr;
+        for (auto it = node.children.rbegin(); it != node.children.rend(); ++it) {
+            std::vector<std::string> child_path = p.path;
             child_path.push_back((*it)->name);
-            stack.emplace_back(*it, std::move(child_path));
+            stack.push_back({*it, std::move(child_path), below});
         }
     }
     return entries;
 }
 
-std::string join_path(const std::string& base, const std::string& name,
-                      const std::vector<std::string>& path) {
-    std::string out = base + "/" + name;
+HostPath join_path(const HostPath& base, const std::string& name,
+                   const std::vector<std::string>& path) {
+    HostPath out = child_host_path(base, name);
     for (const std::string& part : path)
-        out += "/" + part;
+        out = child_host_path(out, part);
     return out;
 }
 
-bool make_host_dir(const std::string& path) {
-    if (::mkdir(path.c_str(), 0755) == 0)
+// A directory of the copy: made, or already there as a real directory (not a link).
+bool ensure_host_dir(const HostPath& path) {
+    if (make_host_dir(path))
         return true;
-    struct stat st;
-    return errno == EEXIST && ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    if (errno != EEXIST)
+        return false;
+    int fd = open_host_dir(path);
+    if (fd < 0)
+        return false;
+    ::close(fd);
+    return true;
 }
 
 void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) {
-    if (entries.empty() || dest_real_.empty())
+    if (entries.empty() || dest_host_.empty())
         return;
     CopyEntry& top = entries.front();
-    std::string top_target = join_path(dest_real_, name, {});
+    HostPath top_target = join_path(dest_host_, name, {});
     if (top.kind != 'd') {
-        if (!copy_file(top.source_real, top_target, top.size)) {
+        if (!copy_file(top.source, top_target, top.size)) {
             if (!interrupted())
                 say(strf("cp: Copy File failed \"%s\"\r\n", name.c_str()));
             return;
@@ -259,7 +303,7 @@ void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) 
         top.done = true;
         return;
     }
-    if (!make_host_dir(top_target)) {
+    if (!ensure_host_dir(top_target)) {
         say(strf("cp: Failed to copy file \"%s\"; Create Directory Failed\r\n", name.c_str()));
         return;
     }
@@ -279,16 +323,20 @@ void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) 
         CopyEntry& e = entries[i];
         if (below_failed(e.path))
             continue;
-        std::string target = join_path(dest_real_, name, e.path);
+        if (!e.refusal.empty()) {
+            say(e.refusal);
+            continue;
+        }
+        HostPath target = join_path(dest_host_, name, e.path);
         const std::string& shown = e.path.back();
         if (e.kind == 'd') {
-            if (!make_host_dir(target)) {
+            if (!ensure_host_dir(target)) {
                 say(strf("cp: Copy File failed \"%s\"; Failed to Create Directory\r\n",
                          shown.c_str()));
                 failed_dirs.push_back(&e.path);
                 continue;
             }
-        } else if (!copy_file(e.source_real, target, e.size)) {
+        } else if (!copy_file(e.source, target, e.size)) {
             if (interrupted())
                 return;
             say(strf("cp: Copy File Failed \"%s\"\r\n", shown.c_str()));
@@ -299,26 +347,29 @@ void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) 
 }
 
 // Copies a host file through a temporary file beside the target, so that an interrupted
-// copy never leaves a half-written file in place of the one that was there.
-bool CopyJob::copy_file(const std::string& from, const std::string& to, uint32_t& size) {
-    if (from.empty())
+// copy never leaves a half-written file in place of the one that was there. Both ends are
+// opened below their base directories: a link put in place of a file or directory on the host
+// leads nowhere.
+bool CopyJob::copy_file(const HostPath& from, const HostPath& to, uint32_t& size) {
+    HostPath to_dir;
+    std::string to_name;
+    if (!split_host_path(to, to_dir, to_name))
         return false;
-    // Non-blocking open: a FIFO in the tree must not hang the command.
-    int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int in = open_host_file(from);
     if (in < 0)
         return false;
-    struct stat st;
-    if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode) ||
-        ::fcntl(in, F_SETFL, ::fcntl(in, F_GETFL) & ~O_NONBLOCK) != 0) {
+    int dir = open_host_dir(to_dir);
+    if (dir < 0) {
         ::close(in);
         return false;
     }
-    std::string dir = to.substr(0, to.rfind('/'));
-    std::string temp = strf("%s/.orvane-cp-%d-%u.tmp", dir.c_str(), static_cast<int>(::getpid()),
-                            temp_counter.fetch_add(1));
-    int out = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    std::string temp =
+        strf(".orvane-cp-%d-%u.tmp", static_cast<int>(::getpid()), temp_counter.fetch_add(1));
+    int out =
+        ::openat(dir, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (out < 0) {
         ::close(in);
+        ::close(dir);
         return false;
     }
     bool ok = true;
@@ -357,12 +408,13 @@ bool CopyJob::copy_file(const std::string& from, const std::string& to, uint32_t
     ::close(in);
     if (::close(out) != 0)
         ok = false;
-    if (ok && ::rename(temp.c_str(), to.c_str()) != 0)
+    if (ok && ::renameat(dir, temp.c_str(), dir, to_name.c_str()) != 0)
         ok = false;
-    if (!ok) {
-        ::unlink(temp.c_str());
+    if (!ok)
+        ::unlinkat(dir, temp.c_str(), 0);
+    ::close(dir);
+    if (!ok)
         return false;
-    }
     size = static_cast<uint32_t>(total);
     return true;
 }

@@ -6,6 +6,8 @@
 #include "platform/text.hpp"
 #include "telnetd/shell_paths.hpp"
 #include "telnetd/telnet_input.hpp"
+#include "vfs/entry_rules.hpp"
+#include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
 
 #include <cerrno>
@@ -21,22 +23,6 @@ namespace {
 
 bool is_normal(const VfsNode& node) {
     return node.status == kStatusNormal;
-}
-
-// Moves a host file or directory without ever replacing something already there.
-bool move_on_disk(const std::string& from, const std::string& to) {
-    if (from.empty() || to.empty())
-        return false;
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    if (errno != EINVAL && errno != ENOSYS)
-        return false;
-    // File systems without the no-replace flag: check first (a narrow window, but never a
-    // silent overwrite of a file that was there before the command).
-    struct stat st;
-    if (::lstat(to.c_str(), &st) == 0)
-        return false;
-    return std::rename(from.c_str(), to.c_str()) == 0;
 }
 
 std::string make_directory(Server& server, const SlotPtr& slot, const std::string& word) {
@@ -55,13 +41,15 @@ std::string make_directory(Server& server, const SlotPtr& slot, const std::strin
         return strf("mkdir: Failed; No such file or directory \"%s\"\r\n", word.c_str());
     if (!can_write(user.get(), *parent))
         return "mkdir: Permissions Denied\r\n";
-    std::string base = node_real_path(tree, *parent);
-    if (base.empty())
+    // A virtual path has a fixed limit; chains of directories must not grow past it.
+    HostPath base = node_host_path(tree, *parent);
+    if (base.empty() || !virtual_path_fits(*parent, name))
         return strf("mkdir: Failed; No such file or directory \"%s\"\r\n", word.c_str());
-    if (::mkdir((base + "/" + name).c_str(), 0755) != 0) {
+    if (!make_host_dir(child_host_path(base, name))) {
         if (errno == EEXIST)
             return strf("mkdir: Failed; \"%s\" File already exists\r\n", word.c_str());
-        if (errno == ENOENT || errno == ENOTDIR)
+        // ELOOP and EXDEV: the directory was replaced by a link on the host.
+        if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV)
             return strf("mkdir: Failed; No such file or directory \"%s\"\r\n", word.c_str());
         return "mkdir: Permissions Denied\r\n";
     }
@@ -85,13 +73,12 @@ std::string remove_directory(Server& server, const SlotPtr& slot, const std::str
     NodePtr parent = node->parent_node();
     // The root and the root of a mount stand for host directories that are not ours to remove.
     if (!parent || is_mount_point(*node) || !can_read(user.get(), *node) ||
-        !can_write(user.get(), *node))
+        !can_write(user.get(), *node) || !may_take_out(user.get(), *node))
         return strf("rmdir: Permissions Denied \"%s\"\r\n", word.c_str());
     uint8_t expected = kStatusNormal;
     if (!node->status.compare_exchange_strong(expected, kStatusBusy))
         return "rmdir: File Busy\r\n";
-    std::string real = node_real_path(tree, *node);
-    if (real.empty() || ::rmdir(real.c_str()) != 0) {
+    if (!remove_host_dir(node_host_path(tree, *node))) {
         node->status = kStatusNormal;
         std::string last = word.substr(
             word.find_last_of("\\/") == std::string::npos ? 0 : word.find_last_of("\\/") + 1);
@@ -107,9 +94,9 @@ std::string remove_directory(Server& server, const SlotPtr& slot, const std::str
 // Removes one node's host file and the node; the answer text on failure.
 std::string remove_file(VfsTree& tree, const NodePtr& node, const std::string& shown,
                         std::atomic<long>* memory, std::vector<NodePtr>& graveyard) {
-    std::string real = node_real_path(tree, *node);
-    // unlink, not remove: a directory must be refused as the platform's file deletion does.
-    if (real.empty() || is_mount_point(*node) || ::unlink(real.c_str()) != 0)
+    // A file removal, not remove(): a directory must be refused as the platform's file
+    // deletion does.
+    if (is_mount_point(*node) || !remove_host_file(node_host_path(tree, *node)))
         return strf("rm: Failed to remove file \"%s\"; in Use or Directory\r\n", shown.c_str());
     free_subtree(node, memory, graveyard);
     return {};
@@ -127,7 +114,7 @@ std::string remove_one(Server& server, const User* user, const NodePtr& cwd,
                     word.c_str());
     if (!node->children.empty())
         return strf("rm: Failed to remove file \"%s\"; File is a Directory\r\n", word.c_str());
-    if (!can_read(user, *node) || !can_write(user, *node))
+    if (!can_read(user, *node) || !can_write(user, *node) || !may_take_out(user, *node))
         return strf("rm: Permissions Denied \"%s\"\r\n", word.c_str());
     if (!is_normal(*node))
         return "rm: File Busy\r\n";
@@ -160,7 +147,7 @@ void remove_matches(Server& server, const SlotPtr& slot, const User* user, const
             std::unique_lock lock(server.tree_mutex);
             if (!node->parent_node())
                 continue; // removed meanwhile
-            if (!can_read(user, *node) || !can_write(user, *node))
+            if (!can_read(user, *node) || !can_write(user, *node) || !may_take_out(user, *node))
                 answer = strf("rm: \"%s\"; Permissions Denied\r\n", node->name.c_str());
             else if (!is_normal(*node))
                 answer = "rm: File Busy\r\n";
@@ -195,21 +182,26 @@ std::string move_nodes(Server& server, const User* user, const NodePtr& cwd, std
     NodePtr dest = find_node(tree, dest_word, cwd);
     if (!dest)
         return "mv: Move File failed; Destination does not Exist\r\n";
-    bool source_movable = pattern_mode || (source->parent_node() && !is_mount_point(*source));
+    // A single source leaves its directory, which the user must be allowed to write; in
+    // pattern mode the source is that directory itself.
+    bool source_movable = pattern_mode || (may_take_out(user, *source) && !is_mount_point(*source));
     if (!source_movable || !can_read_path(user, *source) || !can_write(user, *source) ||
         !can_read_path(user, *dest) || !can_write(user, *dest))
         return "mv: Permissions Denied\r\n";
     if (!is_normal(*source) || !is_normal(*dest))
         return "mv: File Busy\r\n";
     dest->status = kStatusBusy;
-    std::string dest_real = node_real_path(tree, *dest);
+    HostPath dest_host = node_host_path(tree, *dest);
 
     auto move_one = [&](const NodePtr& node) -> std::string {
         if (find_child(*dest, node->name))
             return strf("mv: Move File failed \"%s\"; File already Exists in Destination\r\n",
                         node->name.c_str());
-        if (is_mount_point(*node) || is_within(dest, node) ||
-            !move_on_disk(node_real_path(tree, *node), dest_real + "/" + node->name))
+        // A mount point, or a directory holding one, stays where its mount says it is; a move
+        // must not make a virtual path longer than the tree holds.
+        if (is_mount_point(*node) || holds_mount_point(*node) || is_within(dest, node) ||
+            !virtual_path_fits(*dest, node->name, depth_below(*node)) || dest_host.empty() ||
+            !rename_host(node_host_path(tree, *node), child_host_path(dest_host, node->name)))
             return strf("mv: Move File failed \"%s\"; Destination in Use\r\n", node->name.c_str());
         relink_node(node, dest);
         return {};
@@ -239,13 +231,6 @@ std::string move_nodes(Server& server, const User* user, const NodePtr& cwd, std
 }
 
 } // namespace
-
-bool is_mount_point(const VfsNode& node) {
-    if (!node.mount)
-        return false;
-    NodePtr parent = node.parent_node();
-    return !parent || parent->mount != node.mount;
-}
 
 bool is_within(const NodePtr& node, const NodePtr& ancestor) {
     for (NodePtr n = node; n; n = n->parent_node()) {

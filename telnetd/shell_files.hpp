@@ -2,6 +2,7 @@
 // The shell's file commands: more, mkdir, rmdir, rm, mv and cp. They respect the busy (2) and
 // unmounting (3) marks of nodes, and names for new nodes must be one path component.
 #include "core/conn_slot.hpp"
+#include "vfs/entry_rules.hpp"
 #include "vfs/node.hpp"
 
 #include <string>
@@ -22,8 +23,6 @@ void cp_thread(Server& server, const SlotPtr& slot, std::string arg);
 void more_thread(Server& server, const SlotPtr& slot, std::string arg);
 
 // Shared by the file commands.
-// The root of a mount: host operations on it would act on the mounted directory itself.
-bool is_mount_point(const VfsNode& node);
 // True when `node` is `ancestor` or lies below it.
 bool is_within(const NodePtr& node, const NodePtr& ancestor);
 // Ctrl-C asked the running command to stop, or the session or server is going away.

@@ -4,16 +4,15 @@
 #include "core/server.hpp"
 #include "telnetd/shell_files.hpp"
 #include "telnetd/telnet_input.hpp"
+#include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
@@ -30,8 +29,8 @@ struct FileCloser {
     void operator()(std::FILE* f) const { std::fclose(f); }
 };
 
-// The host path of a file the user may page, or empty.
-std::string pageable_path(Server& server, const SlotPtr& slot, const std::string& word) {
+// The host path of a file the user may page, or an empty one.
+HostPath pageable_path(Server& server, const SlotPtr& slot, const std::string& word) {
     if (word.empty() || has_wildcard(word))
         return {};
     std::shared_ptr<User> user = slot->checked_user();
@@ -42,21 +41,16 @@ std::string pageable_path(Server& server, const SlotPtr& slot, const std::string
     NodePtr node = find_node(*server.vfs, word, cwd);
     if (!node || node->is_dir() || !can_read_path(user.get(), *node))
         return {};
-    return node_real_path(*server.vfs, *node);
+    return node_host_path(*server.vfs, *node);
 }
 
-// Opens a regular file for reading; a FIFO or device in the tree must not hang the pager.
-std::FILE* open_text_file(const std::string& real) {
-    if (real.empty())
-        return nullptr;
-    int fd = ::open(real.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+// Opens the file below its base directory, and only a regular file: a link put in its place
+// on the host must not lead elsewhere, and a FIFO or device must not hang the pager.
+std::FILE* open_text_file(const HostPath& path) {
+    int fd = open_host_file(path);
     if (fd < 0)
         return nullptr;
-    struct stat st;
-    std::FILE* file = nullptr;
-    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0)
-        file = ::fdopen(fd, "r");
+    std::FILE* file = ::fdopen(fd, "r");
     if (!file)
         ::close(fd);
     return file;
@@ -131,8 +125,8 @@ void page_file(Server& server, const SlotPtr& slot, std::FILE* file) {
 } // namespace
 
 void more_thread(Server& server, const SlotPtr& slot, std::string arg) {
-    std::string real = pageable_path(server, slot, next_word(arg));
-    std::unique_ptr<std::FILE, FileCloser> file(open_text_file(real));
+    HostPath path = pageable_path(server, slot, next_word(arg));
+    std::unique_ptr<std::FILE, FileCloser> file(open_text_file(path));
     if (!file)
         slot->send_text("more failed: Permissions Denied\r\n");
     else

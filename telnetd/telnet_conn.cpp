@@ -6,6 +6,7 @@
 #include "core/server.hpp"
 #include "core/slot_socket.hpp"
 #include "platform/net.hpp"
+#include "platform/text.hpp"
 #include "telnetd/ghost.hpp"
 #include "telnetd/shell_dispatch.hpp"
 #include "telnetd/telnet_input.hpp"
@@ -53,7 +54,7 @@ void take_command_line(Server& server, const SlotPtr& slot) {
         if (is_password_state(state))
             server.log.logf("(%i) <password>", socket);
         else
-            server.log.logf("(%i) %s", socket, line->c_str());
+            server.log.logf("(%i) %s", socket, log_safe(*line).c_str());
         shell_dispatch(server, slot, std::move(*line));
     } else if (state == kStateShell) {
         send_shell_prompt(server, slot);
@@ -154,9 +155,14 @@ void handle_read(Server& server, const SlotPtr& slot, const char* data, size_t s
         take_command_line(server, slot);
 }
 
+void take_typed_line(Server& server, const SlotPtr& slot) {
+    if (slot->state <= kStateOftpConnected)
+        take_command_line(server, slot);
+}
+
 void process_pending_line(Server& server, const SlotPtr& slot) {
     if (slot->ghost)
-        return; // nobody is there to have typed it
+        return; // the ghost's own completion takes its lines, one after each command
     uint8_t state = slot->state;
     if (state == kStateMorePage)
         take_more_key(slot);

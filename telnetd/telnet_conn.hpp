@@ -20,6 +20,8 @@ void accept_telnet_conn(Server& server, asio::ip::tcp::socket socket, int socket
 void handle_read(Server& server, const SlotPtr& slot, const char* data, size_t size);
 // process_pending_line: the same line taking as a read, without reading.
 void process_pending_line(Server& server, const SlotPtr& slot);
+// Takes one complete typed-ahead command line, for a ghost too (its completion runs them).
+void take_typed_line(Server& server, const SlotPtr& slot);
 
 // The peer closed the connection, or the socket reported an error.
 void handle_close(Server& server, const SlotPtr& slot);

@@ -143,31 +143,20 @@ InputResult feed_question(std::string& line_buf, std::string_view bytes) {
 
 InputResult feed_more_key(std::string& line_buf, std::string_view bytes) {
     InputResult result;
-    // A line-mode client sends a key as a line: the CR LF after it ends that line and is not
-    // a second key (an Enter of its own still arrives as CR LF and is taken).
-    enum { kNone, kAfterKey, kAfterKeyCr } line_end = kNone;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        auto c = static_cast<unsigned char>(bytes[i]);
-        char key = static_cast<char>(c);
-        if (c == kCtrlC || (c == kIac && i + 1 < bytes.size() &&
-                            static_cast<unsigned char>(bytes[i + 1]) == kInterruptProcess)) {
+    // Byte by byte: a space followed by CR LF is two keys (a page, then one line), and an
+    // IAC with whatever follows it is no key at all, so "interrupt process" only drops out.
+    for (char ch : bytes) {
+        auto c = static_cast<unsigned char>(ch);
+        char key = ch;
+        if (c == kCtrlC)
             key = 'Q';
-        } else if (c == kCr) {
-            line_end = line_end == kAfterKey ? kAfterKeyCr : kNone;
-            continue;
-        } else if (c == kLf && line_end == kAfterKeyCr) {
-            line_end = kNone;
-            continue;
-        } else if (c != ' ' && c != 'q' && c != 'Q' && c != kLf) {
-            line_end = kNone;
-            continue;
-        }
+        else if (c != ' ' && c != 'q' && c != 'Q' && c != kLf)
+            continue; // CR, IAC and every other byte
         // The same limits as typed characters: a flood of keys must not grow the line.
         if (line_buf.size() >= (c == kLf ? kLineEndLimit : kLineCharLimit))
             continue;
         line_buf.push_back(key);
         result.key_taken = true;
-        line_end = c == kLf ? kNone : kAfterKey;
     }
     return result;
 }

@@ -61,8 +61,8 @@ InputResult feed_ordinary(std::string& line_buf, std::string_view bytes, uint8_t
 InputResult feed_transfer(std::string& line_buf, std::string_view bytes);
 // State 25 (yes/no question): only y, n, Y, N and the line ends are stored and echoed.
 InputResult feed_question(std::string& line_buf, std::string_view bytes);
-// State 28 (a pager page waits): space, q, Q and LF are stored, Ctrl-C (or IAC IP) is stored as
-// Q; no echo. The CR LF that a line-mode client sends after a key is not taken as a key.
+// State 28 (a pager page waits): space, q, Q and LF are stored, Ctrl-C is stored as Q; no echo.
+// CR and every other byte (IAC included) are dropped.
 InputResult feed_more_key(std::string& line_buf, std::string_view bytes);
 
 // Takes the first complete line (ended by CR) out of the line buffer, or nothing when the

@@ -17,8 +17,8 @@ constexpr std::array<uint8_t, 9> kRootFlags{1, 1, 1, 1, 0, 1, 1, 0, 1}; // rwxr-
 
 void build_file_system(Server& server) {
     server.log_message("Initializing File System...");
-    const std::string& home = server.settings.serverhome;
-    server.log.logf("File System root starts in - %s", home.c_str());
+    server.log.logf("File System root starts in - %s", server.settings.serverhome.c_str());
+    const std::string home = resolve_configured_path(server.start_dir, server.settings.serverhome);
     if (!server.accounts)
         server.accounts = std::make_shared<Accounts>(&server.memory_allocated);
     if (!server.vfs)
@@ -40,6 +40,7 @@ void build_file_system(Server& server) {
     {
         std::unique_lock lock(server.tree_mutex);
         tree.home = home;
+        tree.start_dir = server.start_dir.string();
         tree.root = root;
         tree.mounts.clear();
         tree.directories = counts.directories;

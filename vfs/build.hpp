@@ -25,8 +25,11 @@ void build_file_system(Server& server);
 void read_mounts(Server& server);
 bool save_mounts(const Server& server); // false (file untouched) when there is no tree
 std::string mounts_text(const VfsTree& tree);
-// Checks one mounts line (already cut at its line end) and makes its record, or null.
-std::shared_ptr<MountRec> parse_mount_line(std::string_view line, const std::string& home);
+// Checks one mounts line (already cut at its line end) and makes its record, or null. `home`
+// is the server home as the tree has it; a relative real directory is checked from
+// `start_dir` (the record keeps it as written).
+std::shared_ptr<MountRec> parse_mount_line(std::string_view line, const std::string& home,
+                                           const std::filesystem::path& start_dir = {});
 // A mount point with one leading "\" and no trailing separator.
 std::string normalize_mount_point(std::string_view mount_point);
 

@@ -39,16 +39,42 @@ void append_line(std::string& out, const std::string& path, const VfsNode& node)
     out += '\n';
 }
 
-void append_children(std::string& out, std::string& prefix, const VfsNode& dir) {
-    for (const NodePtr& child : dir.children) {
-        if (!representable(child->name))
+// Every line of the list in pre-order from the root, children in chain order, each handed
+// to `sink`. Iterative, so that a tree as deep as the path limit allows cannot exhaust the
+// stack, and line by line, so that a large tree is never held twice in memory.
+template <typename Sink> void for_each_fpl_line(const VfsTree& tree, Sink&& sink) {
+    if (!tree.root)
+        return;
+    std::string line;
+    append_line(line, "\\", *tree.root);
+    sink(line);
+    struct Level {
+        const VfsNode* dir;
+        size_t next;        // the next child to write
+        size_t prefix_size; // the prefix's length before this directory's name
+    };
+    std::string prefix;
+    std::vector<Level> levels{{tree.root.get(), 0, 0}};
+    while (!levels.empty()) {
+        Level& level = levels.back();
+        if (level.next == level.dir->children.size()) {
+            prefix.resize(level.prefix_size);
+            levels.pop_back();
+            continue;
+        }
+        const VfsNode& child = *level.dir->children[level.next++];
+        if (!representable(child.name))
             continue;
         size_t keep = prefix.size();
         prefix += '\\';
-        prefix += child->name;
-        append_line(out, prefix, *child);
-        append_children(out, prefix, *child);
-        prefix.resize(keep);
+        prefix += child.name;
+        line.clear();
+        append_line(line, prefix, child);
+        sink(line);
+        if (child.children.empty())
+            prefix.resize(keep);
+        else
+            levels.push_back({&child, 0, keep});
     }
 }
 
@@ -137,15 +163,21 @@ void apply_line(std::string_view line, PathIndex& index, Accounts& accounts,
 
 // Nodes that the list does not name (new on the disk since the last run) take what their
 // directory has.
-void inherit_unlisted(VfsNode& dir, const std::unordered_set<const VfsNode*>& listed) {
-    for (const NodePtr& child : dir.children) {
-        if (!listed.count(child.get())) {
-            child->creator = dir.creator;
-            child->owner = dir.owner;
-            child->group = dir.group;
-            child->flags = dir.flags;
+// A directory is settled before its children take from it.
+void inherit_unlisted(VfsNode& top, const std::unordered_set<const VfsNode*>& listed) {
+    std::vector<VfsNode*> todo{&top};
+    while (!todo.empty()) {
+        VfsNode& dir = *todo.back();
+        todo.pop_back();
+        for (const NodePtr& child : dir.children) {
+            if (!listed.count(child.get())) {
+                child->creator = dir.creator;
+                child->owner = dir.owner;
+                child->group = dir.group;
+                child->flags = dir.flags;
+            }
+            todo.push_back(child.get());
         }
-        inherit_unlisted(*child, listed);
     }
 }
 
@@ -153,27 +185,26 @@ void inherit_unlisted(VfsNode& dir, const std::unordered_set<const VfsNode*>& li
 
 std::string fpl_text(const VfsTree& tree) {
     std::string out;
-    if (!tree.root)
-        return out;
-    append_line(out, "\\", *tree.root);
-    std::string prefix;
-    append_children(out, prefix, *tree.root);
+    for_each_fpl_line(tree, [&](std::string_view line) { out += line; });
     return out;
 }
 
 bool write_fpl(const Server& server) {
-    std::string text;
-    {
-        std::shared_lock lock(server.tree_mutex);
-        if (!server.vfs || !server.vfs->root)
-            return false;
-        text = fpl_text(*server.vfs);
-    }
-    return write_file_atomic(server.table_path("fpl.txt"), text);
+    // Written while the tree is walked: the lock is shared, so sessions keep reading; only
+    // changes to the tree wait for the local file write.
+    std::shared_lock lock(server.tree_mutex);
+    if (!server.vfs || !server.vfs->root)
+        return false;
+    AtomicFileWriter out(server.table_path("fpl.txt"));
+    if (!out.ok())
+        return false;
+    for_each_fpl_line(*server.vfs, [&](std::string_view line) { out.append(line); });
+    return out.commit();
 }
 
 void verify_files(Server& server) {
-    auto lines = read_table_lines(server.table_path("fpl.txt"));
+    // A line holds a path of up to kMaxVirtualPath bytes besides its other fields.
+    auto lines = read_table_lines(server.table_path("fpl.txt"), kMaxVirtualPath + 1024);
     if (!lines)
         return;
     server.log_message("Verifying files...");

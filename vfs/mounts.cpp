@@ -1,6 +1,7 @@
 #include "accounts/accounts.hpp"
 #include "core/server.hpp"
 #include "platform/files.hpp"
+#include "platform/text.hpp"
 #include "vfs/build.hpp"
 #include "vfs/mount_work.hpp"
 #include "vfs/table_lines.hpp"
@@ -136,7 +137,7 @@ void remove_mount_thread(Server& server, const std::shared_ptr<MountRec>& mount,
             });
         }
         for (const std::string& name : still_busy)
-            server.log_message(name);
+            server.log_message(log_safe(name));
     }
     server.log_message("Unmounting Now!");
 
@@ -168,7 +169,8 @@ std::string normalize_mount_point(std::string_view mount_point) {
     return out;
 }
 
-std::shared_ptr<MountRec> parse_mount_line(std::string_view line, const std::string& home) {
+std::shared_ptr<MountRec> parse_mount_line(std::string_view line, const std::string& home,
+                                           const std::filesystem::path& start_dir) {
     size_t bar = line.find('|');
     if (bar == std::string_view::npos)
         return nullptr;
@@ -177,7 +179,7 @@ std::shared_ptr<MountRec> parse_mount_line(std::string_view line, const std::str
     mount->mount_point = normalize_mount_point(line.substr(bar + 1));
     if (mount->real_dir.size() > kMaxPathField || mount->mount_point.size() > kMaxPathField)
         return nullptr;
-    if (!is_host_dir(mount->real_dir))
+    if (!is_host_dir(resolve_configured_path(start_dir, mount->real_dir)))
         return nullptr;
     // The mount point's parent must exist below the home on the disk.
     std::string host = home + mount->mount_point;
@@ -196,7 +198,7 @@ void read_mounts(Server& server) {
         return; // no file: no mounts
     std::vector<std::shared_ptr<MountRec>> found;
     for (const std::string& line : *lines)
-        if (auto mount = parse_mount_line(line, server.settings.serverhome))
+        if (auto mount = parse_mount_line(line, server.vfs->home, server.start_dir))
             found.push_back(std::move(mount));
     std::unique_lock lock(server.tree_mutex);
     for (auto& mount : found) {
@@ -273,7 +275,8 @@ MountOutcome mount_record(Server& server, const std::shared_ptr<MountRec>& mount
         return refuse(why);
 
     MountOutcome outcome;
-    outcome.counts = scan_into(server.log, mount->real_dir, point);
+    outcome.counts =
+        scan_into(server.log, mount_host_dir(tree, *mount), point, mount->mount_point.size());
     outcome.counts.directories += 1; // the mount point itself
     {
         // The tree may have changed during the scan.

@@ -1,5 +1,7 @@
 #include "vfs/tree.hpp"
 
+#include "core/settings.hpp"
+
 #include <algorithm>
 
 namespace orv {
@@ -110,6 +112,10 @@ std::string node_virtual_path(const VfsNode& node, char sep) {
     return out;
 }
 
+std::string mount_host_dir(const VfsTree& tree, const MountRec& mount) {
+    return resolve_configured_path(tree.start_dir, mount.real_dir);
+}
+
 HostPath node_host_path(const VfsTree& tree, const VfsNode& node) {
     std::vector<NodePtr> chain = chain_to_top(node);
     const VfsNode* top = chain.empty() ? &node : chain.back().get();
@@ -128,7 +134,7 @@ HostPath node_host_path(const VfsTree& tree, const VfsNode& node) {
         cur = p.get();
     }
     HostPath out;
-    out.base = mount ? mount->real_dir : tree.home;
+    out.base = mount ? mount_host_dir(tree, *mount) : tree.home;
     if (out.base.empty())
         return {};
     for (auto it = below.rbegin(); it != below.rend(); ++it) {

@@ -1,6 +1,7 @@
 #include "vfs/scan.hpp"
 
 #include "core/log.hpp"
+#include "vfs/tree.hpp"
 
 #include <algorithm>
 #include <climits>
@@ -44,14 +45,22 @@ class Scanner {
   public:
     Scanner(Log& log, const NodePtr& top) : log_(log), top_(top) {}
 
-    ScanCounts run(const std::string& host_dir) {
+    ScanCounts run(const std::string& host_dir, size_t virtual_prefix) {
         char* real = ::realpath(host_dir.c_str(), nullptr);
         if (!real)
             return counts_;
         scope_ = real;
         std::free(real);
-        std::string path = host_dir;
-        scan_dir(top_, path, true);
+        // Directories are opened by their path relative to the scanned one, so that a tree
+        // deeper than the host's path limit (measured from /) is still read whole.
+        base_ = host_dir;
+        base_fd_ = ::open(host_dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        if (base_fd_ < 0)
+            return counts_;
+        virtual_prefix_ = virtual_prefix;
+        std::string relative;
+        scan_dir(top_, relative, true);
+        ::close(base_fd_);
         return counts_;
     }
 
@@ -147,11 +156,20 @@ class Scanner {
         }
     }
 
-    void scan_dir(const NodePtr& dir, std::string& path, bool via_link) {
-        int fd =
-            ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (via_link ? 0 : O_NOFOLLOW));
+    // The host path of a directory given relative to the scanned one, for log lines and the
+    // link checks.
+    std::string host_path(const std::string& relative) const {
+        if (relative.empty())
+            return base_;
+        return base_.ends_with('/') ? base_ + relative : base_ + "/" + relative;
+    }
+
+    void scan_dir(const NodePtr& dir, std::string& relative, bool via_link) {
+        int fd = ::openat(base_fd_, relative.empty() ? "." : relative.c_str(),
+                          O_RDONLY | O_DIRECTORY | O_CLOEXEC | (via_link ? 0 : O_NOFOLLOW));
         if (fd < 0)
             return; // unreadable: the directory stays empty, as a failed find-first leaves it
+        const std::string path = host_path(relative);
         struct stat dir_st;
         if (::fstat(fd, &dir_st) != 0 || is_ancestor(dir_st)) {
             ::close(fd);
@@ -167,7 +185,9 @@ class Scanner {
                 leave_out("name not usable", path, name_view);
                 return;
             }
-            if (path.size() + 1 + name_view.size() >= PATH_MAX) {
+            // The virtual path (the separator or the mount point, then the path below) must fit.
+            size_t below = relative.size() + (relative.empty() ? 0 : 1) + name_view.size();
+            if (virtual_prefix_ + 1 + below > kMaxVirtualPath) {
                 leave_out("path too long", path, name_view);
                 return;
             }
@@ -205,12 +225,12 @@ class Scanner {
         ::close(fd);
 
         for (const SubDir& sub : subdirs) {
-            size_t keep = path.size();
-            if (path.empty() || path.back() != '/')
-                path += '/';
-            path += sub.node->name;
-            scan_dir(sub.node, path, sub.via_link);
-            path.resize(keep);
+            size_t keep = relative.size();
+            if (!relative.empty())
+                relative += '/';
+            relative += sub.node->name;
+            scan_dir(sub.node, relative, sub.via_link);
+            relative.resize(keep);
         }
         ancestors_.pop_back();
     }
@@ -218,6 +238,9 @@ class Scanner {
     Log& log_;
     const NodePtr& top_;
     std::string scope_;
+    std::string base_;
+    int base_fd_ = -1;
+    size_t virtual_prefix_ = 0;
     std::vector<std::pair<dev_t, ino_t>> ancestors_;
     std::vector<char> dents_ = std::vector<char>(32768);
     ScanCounts counts_;
@@ -225,8 +248,9 @@ class Scanner {
 
 } // namespace
 
-ScanCounts scan_into(Log& log, const std::string& host_dir, const NodePtr& dir) {
-    return Scanner(log, dir).run(host_dir);
+ScanCounts scan_into(Log& log, const std::string& host_dir, const NodePtr& dir,
+                     size_t virtual_prefix) {
+    return Scanner(log, dir).run(host_dir, virtual_prefix);
 }
 
 } // namespace orv

@@ -19,7 +19,10 @@ struct ScanCounts {
 // order the directory yields them, each directory scanned in full before the next sibling.
 // New nodes take `dir`'s mount, owner, creator, group and flags. Symbolic links are followed
 // only when they stay inside `host_dir` and do not loop; names the tree cannot hold and
-// entries that are neither files nor directories are left out, each logged once.
-ScanCounts scan_into(Log& log, const std::string& host_dir, const NodePtr& dir);
+// entries that are neither files nor directories are left out, each logged once, and so are
+// entries whose virtual path would pass the tree's limit: `virtual_prefix` is the length of
+// `dir`'s own virtual path (0 for the root, whose path is the separator alone).
+ScanCounts scan_into(Log& log, const std::string& host_dir, const NodePtr& dir,
+                     size_t virtual_prefix = 0);
 
 } // namespace orv

@@ -4,10 +4,10 @@
 
 namespace orv {
 
-std::optional<std::vector<std::string>> read_table_lines(const std::filesystem::path& path) {
-    constexpr size_t kLineBuffer = 1024;
+std::optional<std::vector<std::string>> read_table_lines(const std::filesystem::path& path,
+                                                         size_t buffer_size) {
     std::vector<std::string> pieces;
-    if (!for_each_fgets_line(path, kLineBuffer,
+    if (!for_each_fgets_line(path, buffer_size,
                              [&](std::string_view piece) { pieces.emplace_back(piece); }))
         return std::nullopt;
     std::vector<std::string> lines;

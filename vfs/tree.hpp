@@ -15,7 +15,8 @@ class Accounts;
 
 class VfsTree {
   public:
-    std::string home; // the server home (no trailing separator)
+    std::string home;      // the server home (no trailing separator), relative ones resolved
+    std::string start_dir; // what relative mount directories are taken from
     NodePtr root;
     std::deque<std::shared_ptr<MountRec>> mounts; // head (newest) first
     long directories = 0;                         // counted by the build and mounts
@@ -26,6 +27,10 @@ class VfsTree {
 };
 
 // ---- Path resolution (vfs/path_resolve.cpp) ----
+
+// The host directory a mount stands for: its real directory, a relative one taken from the
+// start directory.
+std::string mount_host_dir(const VfsTree& tree, const MountRec& mount);
 
 // The node that a client path names, or null. "\" and "/" both separate; a leading one starts
 // at the root; "." stays, ".." goes up (staying at the root); names match case-sensitively;

@@ -57,7 +57,13 @@ TEST(AdminUsers, RefusalsChangeNothing) {
         {user_form("dave", ""), "Invalid password pick a different one!"},
         // The account files separate fields with ":".
         {user_form("da:ve", "password"), "Invalid user name!"},
-        {user_form("", "password"), "User name required!"},
+        {user_form("da\nve", "password"), "Invalid user name!"},
+        {[] {
+             UserForm f = user_form("dave", "password");
+             f.home_dir = "\\pub\nmallory:10:x:9:15:\\";
+             return f;
+         }(),
+         "Invalid home directory!"},
     };
     for (const Case& c : cases) {
         UserSaveResult r = api.save_user(c.form);
@@ -96,6 +102,25 @@ TEST(AdminUsers, UpdateRebuildsRightsAndMovesBetweenIdClasses) {
     // An unchanged class keeps its ID.
     r = api.save_user(f);
     EXPECT_EQ(r.uid, 101);
+}
+
+// `users` may hold a negative ID (a signed 16-bit field): such an account is a super user, and
+// an ID below zero is no sign of "no free ID".
+TEST(AdminUsers, ANegativeIdIsASuperUsersAndIsKept) {
+    test::TestServerConfig config;
+    config.accounts.push_back({"neg", "neg-pass", -5, 2, 4, "\\"});
+    test::TestServer s(config);
+    AdminApi api(s.app());
+    UserForm f = user_form("neg", "neg-pass");
+    f.super_user = true;
+    size_t mark = s.log_lines().size();
+    UserSaveResult r = api.save_user(f);
+    ASSERT_FALSE(r.refusal) << r.refusal->text;
+    EXPECT_EQ(s.log_since(mark), std::vector<std::string>{"Updated User (neg)"});
+    EXPECT_EQ(static_cast<int16_t>(r.uid), -5);
+    // Out of the super-user class it gets an ordinary ID.
+    f.super_user = false;
+    EXPECT_EQ(api.save_user(f).uid, 101 + 1); // demo has 101
 }
 
 TEST(AdminUsers, DeletingAnOwnerLeavesAPlaceholderThatCanBeAddedBack) {

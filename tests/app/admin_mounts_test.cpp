@@ -47,6 +47,11 @@ TEST(AdminMounts, OkChecksRunInOrderWithTheirTexts) {
         {{disk, "pub\\", "data", true}, nullptr},
         {{disk, "", "new", false}, nullptr},
     };
+    // A relative "Mount" path is taken below the start directory, as the mounts file is.
+    ASSERT_NE(std::filesystem::current_path(), s.dir().path());
+    EXPECT_FALSE(api.check_mount({"disk", "\\pub", "rel", false}).refusal);
+    EXPECT_EQ(api.check_mount({"nodisk", "\\pub", "rel", false}).refusal,
+              "The \"Mount\" path must exist.");
     for (const Case& c : cases) {
         MountFormResult r = api.check_mount(c.form);
         if (!c.text) {

@@ -52,6 +52,17 @@ TEST(AdminSettings, ChecksRunInOrderWithTheirTexts) {
         {[](SettingsForm& f) { f.telnet_port = "32000"; }, nullptr, SettingsField::Home},
         {[](SettingsForm& f) { f.ftp_port = "32001"; }, "FTP Port be between 1 and 32000",
          SettingsField::FtpPort},
+        // A number field holds a number: not "21abc", not nothing.
+        {[](SettingsForm& f) { f.maxusers = "2x"; }, "Max Users must be between 0 and 256",
+         SettingsField::MaxUsers},
+        {[](SettingsForm& f) { f.maxusers = ""; }, "Max Users must be between 0 and 256",
+         SettingsField::MaxUsers},
+        {[](SettingsForm& f) { f.telnet_port = "23abc"; }, "Telnet Port be between 1 and 32000",
+         SettingsField::TelnetPort},
+        {[](SettingsForm& f) { f.ftp_port = "21abc"; }, "FTP Port be between 1 and 32000",
+         SettingsField::FtpPort},
+        {[](SettingsForm& f) { f.ftp_port = ""; }, "FTP Port be between 1 and 32000",
+         SettingsField::FtpPort},
         // Equal ports are refused even with both services off.
         {[](SettingsForm& f) { f.ftp_port = f.telnet_port; },
          "Telnet Port and FTP port must be different", SettingsField::TelnetPort},
@@ -68,6 +79,20 @@ TEST(AdminSettings, ChecksRunInOrderWithTheirTexts) {
         EXPECT_EQ(refusal->text, c.text);
         EXPECT_EQ(refusal->focus, c.focus) << c.text;
     }
+}
+
+// A relative home is where the next start looks for it: below the start directory, not below
+// whatever directory the process happens to be in.
+TEST(AdminSettings, ARelativeHomeIsCheckedBelowTheStartDirectory) {
+    test::TempDir dir;
+    std::filesystem::create_directories(dir / "home");
+    SettingsForm f = form_for(dir);
+    f.serverhome = "home";
+    ASSERT_NE(std::filesystem::current_path(), dir.path());
+    EXPECT_FALSE(check_settings_form(f, dir.path()));
+    f.serverhome = "elsewhere";
+    ASSERT_TRUE(check_settings_form(f, dir.path()));
+    EXPECT_EQ(check_settings_form(f, dir.path())->text, "Server home directory does not exist!");
 }
 
 TEST(AdminSettings, SaveWritesTheKeysAndReportsANewHome) {

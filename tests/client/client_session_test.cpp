@@ -9,7 +9,9 @@
 #include "telnetd/shell_client.hpp"
 
 #include <arpa/inet.h>
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -303,7 +305,8 @@ TEST(ClientProtocol, ReceivedFileIsRenewedInPlace) {
     c.line("get remote.txt b.txt");
     c.line("bye", "# ");
     std::string after = c.line("ls \\box\\", "# ");
-    // Same children in the same order; b.txt now the user's, with the new size.
+    // Same children in the same order; b.txt now the user's (group column too), with the new
+    // size.
     auto names = [](const std::string& listing) {
         std::vector<std::string> out;
         for (size_t at = 0, end; (end = listing.find("\r\n", at)) != std::string::npos;
@@ -314,10 +317,80 @@ TEST(ClientProtocol, ReceivedFileIsRenewedInPlace) {
     EXPECT_EQ(names(after), names(before));
     EXPECT_EQ(names(after).size(), 5u) << after;
     EXPECT_NE(
-        after.find("-rwxr-xr-x     admin    <none>   " + std::string(8, ' ') + "14 b.txt\r\n"),
+        after.find("-rwxr-xr-x     admin    admin    " + std::string(8, ' ') + "14 b.txt\r\n"),
         std::string::npos)
         << after;
     EXPECT_EQ(c.home_file("box/b.txt"), "fresh contents");
+}
+
+// Answers STOR with "150 Ok.", reads the data connection to its end, then "226 Done.".
+struct StoredFiles {
+    std::mutex mutex;
+    std::vector<std::string> files;
+    FakeFtpPeer::Script script() {
+        return [this](FakeFtpPeer& peer, const std::string& verb, const std::string&) {
+            if (verb != "STOR")
+                return false;
+            peer.reply("150 Ok.\r\n");
+            std::string data = peer.receive_data();
+            {
+                std::lock_guard lock(mutex);
+                files.push_back(std::move(data));
+            }
+            peer.reply("226 Done.\r\n");
+            return true;
+        };
+    }
+    std::vector<std::string> taken() {
+        std::lock_guard lock(mutex);
+        return files;
+    }
+};
+
+// The local side of put and get: host files the tree does not know, and files or directories
+// replaced by links on the host after start-up.
+TEST(ClientLocalFiles, PutSendsAHostFileTheTreeDoesNotKnowOnlyWhenItExists) {
+    ClientSession c;
+    c.server().dir().write("home/late.txt", "made after the scan");
+    StoredFiles stored;
+    FakeFtpPeer peer({"220 ready\r\n"}, stored.script());
+    c.connect(peer);
+    c.line("hash off");
+    EXPECT_NE(c.line("put late.txt").find("226 Transfer complete.\r\n"), std::string::npos);
+    EXPECT_EQ(c.line("put missing.txt"), "Error opening local file\r\nftp> ");
+    EXPECT_EQ(stored.taken(), std::vector<std::string>{"made after the scan"});
+}
+
+TEST(ClientLocalFiles, LinksMadeOnTheHostAfterTheScanAreNotFollowed) {
+    ClientSession c([](TempDir& dir) {
+        dir.write("home/box/a.txt", "a");
+        dir.write("home/drop/keep.txt", "k");
+        dir.write("outside/secret.txt", "outside secret");
+    });
+    namespace fs = std::filesystem;
+    fs::path outside = c.server().dir().path() / "outside";
+    fs::path home = c.server().home();
+    fs::remove(home / "box" / "a.txt");
+    fs::create_symlink(outside / "secret.txt", home / "box" / "a.txt");
+    fs::create_symlink(outside / "secret.txt", home / "sneaky.txt");
+    fs::remove_all(home / "drop");
+    fs::create_directory_symlink(outside, home / "drop");
+
+    StoredFiles stored;
+    FakeFtpPeer peer(
+        {"220 ready\r\n"}, [&](FakeFtpPeer& p, const std::string& verb, const std::string& arg) {
+            return stored.script()(p, verb, arg) || retr_script("fetched")(p, verb, arg);
+        });
+    c.connect(peer);
+    c.line("hash off");
+    EXPECT_EQ(c.line("put box\\a.txt"), "Error opening local file\r\nftp> ");
+    EXPECT_EQ(c.line("put sneaky.txt"), "Error opening local file\r\nftp> ");
+    EXPECT_EQ(c.line("get remote.txt drop\\keep.txt"), "Error opening local file\r\nftp> ");
+    EXPECT_EQ(c.line("get remote.txt drop\\new.txt"), "Error opening local file\r\nftp> ");
+    EXPECT_TRUE(stored.taken().empty());
+    EXPECT_EQ(c.server().dir().read("outside/secret.txt"), "outside secret");
+    EXPECT_FALSE(fs::exists(outside / "keep.txt"));
+    EXPECT_FALSE(fs::exists(outside / "new.txt"));
 }
 
 TEST(ClientGhost, UserGoneDuringAGetLeavesNoConnection) {
@@ -334,6 +407,31 @@ TEST(ClientGhost, UserGoneDuringAGetLeavesNoConnection) {
     EXPECT_TRUE(c.server().wait_for_log("(-1) Ghost user AutoKill thread complete", 10s));
     EXPECT_TRUE(c.wait_no_users());
     EXPECT_EQ(c.home_file("slow.bin"), data);
+}
+
+// A command typed while the transfer ran still goes to the remote server once the transfer is
+// done, before the ghost logs off.
+TEST(ClientGhost, LineTypedAheadRunsBeforeTheGhostLogsOff) {
+    ClientSession c;
+    FakeFtpPeer peer({"220 ready\r\n"}, retr_script(pattern(1 << 20, 5), 20ms));
+    c.connect(peer);
+    c.line("bin");
+    c.shell().send("get slow.bin\r\n");
+    c.shell().read_until("150 Opening.\r\n");
+    c.shell().send("delete victim\r\n");
+    c.shell().read_until("delete victim\r\n");
+    c.shell().raw().close();
+    EXPECT_TRUE(c.server().wait_for_log("Outgoing FTP connection logged off", 20s));
+    EXPECT_TRUE(peer.wait_closed(10s));
+    EXPECT_TRUE(c.wait_no_users());
+    std::vector<std::string> commands = peer.commands();
+    auto at = [&](const std::string& verb) {
+        return std::find_if(commands.begin(), commands.end(),
+                            [&](const std::string& line) { return line.rfind(verb, 0) == 0; });
+    };
+    ASSERT_NE(at("DELE"), commands.end());
+    EXPECT_EQ(*at("DELE"), "DELE victim");
+    EXPECT_LT(at("DELE"), at("QUIT"));
 }
 
 TEST(ClientGhost, UserGoneAtAQuestionAnswersYes) {

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace orv::test {
@@ -72,6 +73,24 @@ bool FakeFtpPeer::send_data(std::string_view data, std::chrono::milliseconds pau
     }
     ::close(fd);
     return true;
+}
+
+std::string FakeFtpPeer::receive_data() {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(data_port_));
+    ::inet_pton(AF_INET, data_host_.c_str(), &sa.sin_addr);
+    std::string out;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
+        timeval limit{5, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        char buf[16384];
+        for (ssize_t n; (n = ::recv(fd, buf, sizeof buf, 0)) > 0;)
+            out.append(buf, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return out;
 }
 
 std::vector<std::string> FakeFtpPeer::commands() const {

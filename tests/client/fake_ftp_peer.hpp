@@ -33,6 +33,10 @@ class FakeFtpPeer {
     // after every 16 KiB block (script thread).
     bool send_data(std::string_view data, std::chrono::milliseconds pause_per_block = {});
 
+    // Connects a data connection to the last PORT's address and reads it to its end (script
+    // thread; gives up after 5 s of silence).
+    std::string receive_data();
+
     std::vector<std::string> commands() const;
     // True once the client closed the control connection.
     bool wait_closed(std::chrono::milliseconds limit) const;

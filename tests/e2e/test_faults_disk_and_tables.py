@@ -94,10 +94,13 @@ class DirectoryRemovedBehindTheServersBack(unittest.TestCase):
             shutil.rmtree(os.path.join(server.home, "pub", "gone"))
 
             self.assertEqual(ftp.cmd("PWD"), b'257 "/pub/gone/sub" is current directory.\r\n')
+            # Neither transfer can move its file, and neither is reported complete.
             self.assertEqual(ftp.transfer("RETR f.txt"), (
-                b"150 Opening ASCII mode data connection (5 bytes)\r\n", b"", COMPLETE))
+                b"150 Opening ASCII mode data connection (5 bytes)\r\n", b"",
+                b"451 Transfer aborted: the file could not be read\r\n"))
             self.assertEqual(ftp.transfer("STOR new.txt", b"data\n")[::2], (
-                b"150 Opening ASCII mode data connection\r\n", COMPLETE))
+                b"150 Opening ASCII mode data connection\r\n",
+                b"452 Transfer aborted: the file could not be written\r\n"))
             for line, reply in (
                     ("MKD d", b"550 mkdir: Permissions Denied"),
                     ("DELE f.txt", b"550 Permissions denied (delete failed)"),
@@ -157,9 +160,15 @@ class TablesAtShutdown(unittest.TestCase):
         else:
             os.chmod(server.dir, 0o555)
             self.addCleanup(os.chmod, server.dir, 0o755)
+        mark = server.mark()
         self.assertEqual(server.stop(), 0)
         self.assertEqual(self.tables(), old)
         self.assertEqual([n for n in os.listdir(server.dir) if n.endswith(".tmp")], [])
+        # Each table that could not be written says so, once, in the order they are written.
+        failed = [line for line in server.log_since(mark) if line.startswith("**** Unable")]
+        self.assertEqual([line.split()[4] for line in failed], list(TABLES))
+        for line in failed:
+            self.assertRegex(line, r"^\*\*\*\* Unable to write \S+ \(.+\) \*\*\*\*$")
         self.assertEqual(server.sanitizer_reports(), [])
 
     def test_sigkill_during_shutdown_leaves_old_or_new_tables(self):

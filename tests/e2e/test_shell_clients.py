@@ -149,9 +149,9 @@ class ShellClients(unittest.TestCase):
         self.table([("delete victim", b"250 File removed.\r\n")])
         self.assertTrue(self.do("delete victim").startswith(b"550 "))
         self.do("bye", b"# ")
-        # The received file is part of the tree, owned by the user.
+        # The received file is part of the tree, owned by the user, whose name is its group too.
         self.assertEqual(self.s.say("ls got.bin"), long_line(
-            "-", "rwxr-xr-x", "admin", None, 10485760, "got.bin", date=False) + b"# ")
+            "-", "rwxr-xr-x", "admin", "admin", 10485760, "got.bin", date=False) + b"# ")
 
     def test_mget_and_mput_with_and_without_prompting(self):
         self.connect("hash off", "cd sub")

@@ -62,7 +62,7 @@ class TelnetClientTest(unittest.TestCase):
     def test_login_copy_list_page_and_leave(self):
         server = Server(fpl="\\:d:root:root:111111111\n", files={
             "pub/hello.txt": b"Hello from the server\n",
-            "numbers.txt": b"".join(b"number %d\n" % i for i in range(1, 41))})
+            "numbers.txt": b"".join(b"number %d\n" % i for i in range(1, 61))})
         self.addCleanup(server.close)
         term = Tmux("telnet 127.0.0.1 %d" % server.telnet_port)
         self.addCleanup(term.close)
@@ -79,15 +79,19 @@ class TelnetClientTest(unittest.TestCase):
         with open(os.path.join(server.home, "work", "hello.txt"), "rb") as f:
             self.assertEqual(f.read(), b"Hello from the server\n")
         self.assertIn("\n\\\n", term.run_line("pwd"))
-        count = term.prompts()
         term.type_line("more numbers.txt")
         shown = term.wait_text("-MORE-")
         self.assertIn("number 24", shown)
         self.assertNotIn("number 25", shown)
-        # The client sends whole lines: a space and Enter reach the pager as one space key.
+        # The client sends whole lines, and every key of them counts: the space shows a page,
+        # the Enter after it one more line.
         term.type_line(" ")
-        term.wait_text("number 40")
-        term.wait_for(lambda s: term.prompts(s) > count, "prompt after more")
+        shown = term.wait_text("number 49")
+        self.assertNotIn("number 50", shown)
+        term.type_line("q")
+        term.wait_for(lambda s: s.rstrip().endswith("-MORE-#"), "prompt after more")
+        # The Enter after "q" waits as a typed-ahead line feed; an empty line completes it.
+        term.run_line("")
         term.type_line("exit")
         term.wait_text("Connection closed by foreign host.")
         self.assertTrue(server.wait_log_match(r"\) Telnet Close port$"))

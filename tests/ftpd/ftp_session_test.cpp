@@ -4,6 +4,7 @@
 #include "ftp_test_client.hpp"
 #include "vfs/tree.hpp"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <shared_mutex>
 
@@ -271,4 +272,35 @@ TEST(FtpLogin, NothingPassesBeforeTheLoginCompletes) {
     EXPECT_EQ(active_logins(server, "demo"), 0);
     EXPECT_EQ(d.cmd("CWD /"), "550 /; No such file or directory\r\n");
     EXPECT_EQ(d.download("RETR plans.txt").preliminary, "550 Permissions denied\r\n");
+}
+
+TEST(FtpLogin, PasswordLinesAndControlBytesNeverReachTheLogRaw) {
+    TestServer server;
+    FtpClient early;
+    early.open(server.ftp_port());
+    std::string s = std::to_string(last_ftp_socket(server));
+    // PASS before any USER, in any case: the line is still a password.
+    EXPECT_EQ(early.cmd("pass early-secret"), "550 Login incorrect\r\n");
+    EXPECT_TRUE(server.wait_for_log("(" + s + ") <password>"));
+
+    FtpClient c;
+    c.open(server.ftp_port());
+    s = std::to_string(last_ftp_socket(server));
+    c.login("demo", "demo-pass");
+    FtpClient tab;
+    tab.open(server.ftp_port());
+    std::string t = std::to_string(last_ftp_socket(server));
+    size_t mark = server.log_lines().size();
+    tab.login("demo", "demo-pass");
+    // A second PASS after the login, and one with a tab for its blank.
+    EXPECT_EQ(c.cmd("PASS late-secret"), "550 Login incorrect\r\n");
+    EXPECT_EQ(tab.cmd("PASS\ttab-secret"), kNotUnderstood);
+    // Control bytes cannot end a log line or start a forged one.
+    EXPECT_EQ(tab.cmd("SITE x\x1b[2J\x08\x7f y"), kNotImplemented);
+    EXPECT_TRUE(server.wait_for_log("(" + t + ") SITE x\\x1B[2J\\x08\\x7F y"));
+    std::vector<std::string> lines = server.log_since(mark);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "(" + s + ") <password>"), 1);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "(" + t + ") <password>"), 2);
+    for (const std::string& l : server.log_lines())
+        EXPECT_EQ(l.find("secret"), std::string::npos) << l;
 }

@@ -10,12 +10,14 @@
 
 namespace orv::test {
 
-DataListener::DataListener(const char* address) {
+DataListener::DataListener(const char* address, int port) {
     listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
     ::inet_pton(AF_INET, address, &sa.sin_addr);
-    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+    if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
+        return;
     ::listen(listen_fd_, 4);
     socklen_t len = sizeof sa;
     ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);
@@ -68,6 +70,15 @@ std::optional<std::string> DataListener::read(size_t limit, std::chrono::millise
 
 bool DataListener::send_and_close(std::string_view bytes) {
     bool ok = send_all(conn_, bytes.data(), bytes.size(), nullptr, 10000);
+    close_fd(conn_);
+    conn_ = -1;
+    return ok;
+}
+
+bool DataListener::send_and_reset(std::string_view bytes) {
+    bool ok = send_all(conn_, bytes.data(), bytes.size(), nullptr, 10000);
+    linger l{1, 0};
+    ::setsockopt(conn_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
     close_fd(conn_);
     conn_ = -1;
     return ok;

@@ -11,11 +11,15 @@ namespace orv::test {
 // A listening socket on a loopback address for the server's data connection.
 class DataListener {
   public:
-    explicit DataListener(const char* address = "127.0.0.1");
+    // On `port`, or on any free one when it is 0.
+    explicit DataListener(const char* address = "127.0.0.1", int port = 0);
     ~DataListener();
     DataListener(const DataListener&) = delete;
     DataListener& operator=(const DataListener&) = delete;
 
+    // False when the address and port could not be had.
+    bool listening() const { return port_ != 0; }
+    int port() const { return port_; }
     // "h1,h2,h3,h4,p1,p2" for PORT.
     std::string port_arg() const;
     // Accepts the server's connection; false when none came within the limit.
@@ -25,6 +29,9 @@ class DataListener {
     std::optional<std::string> read(size_t limit = 0, std::chrono::milliseconds wait = 20s);
     // After accept(): sends the bytes and closes the connection.
     bool send_and_close(std::string_view bytes);
+    // After accept(): sends the bytes, then ends the connection with a reset (a client that
+    // broke off).
+    bool send_and_reset(std::string_view bytes);
     // The server's port of the accepted connection.
     int server_port() const { return server_port_; }
 

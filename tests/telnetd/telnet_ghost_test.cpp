@@ -85,8 +85,8 @@ TEST_F(TelnetGhost, DisconnectDuringCpFinishesTheCopyThenFreesTheSlot) {
 }
 
 // Two clients go away while their commands wait for the tree; one had typed a line ahead,
-// which must never run.
-TEST_F(TelnetGhost, TwoGhostsAtOnceAreBothRemovedAndRunNothingMore) {
+// which still runs when its command ends, as it would have with the user there.
+TEST_F(TelnetGhost, TwoGhostsAtOnceAreBothRemovedAfterTheirTypedAheadLines) {
     auto a = login();
     auto b = login();
     {
@@ -106,7 +106,36 @@ TEST_F(TelnetGhost, TwoGhostsAtOnceAreBothRemovedAndRunNothingMore) {
     }
     EXPECT_TRUE(gone());
     EXPECT_EQ(active_logins(server_, "demo"), 0);
-    EXPECT_FALSE(std::filesystem::exists(server_.home() / "made-by-ghost"));
+    EXPECT_TRUE(std::filesystem::is_directory(server_.home() / "made-by-ghost"));
+}
+
+// A threaded command typed ahead is waited for in turn; the line after it runs after it, and
+// "exit" typed ahead ends the ghost by itself.
+TEST_F(TelnetGhost, TypedAheadCommandsRunInOrderThenTheGhostGoes) {
+    const std::string tails[] = {"mkdir after-cp1\r\n",
+                                 "mkdir after-cp2\r\nexit\r\nmkdir never\r\n"};
+    for (int round = 1; round <= 2; ++round) {
+        const std::string after = "after-cp" + std::to_string(round);
+        std::filesystem::remove(server_.home() / "dest" / "long.txt");
+        auto c = login();
+        {
+            std::unique_lock hold(server_.server().tree_mutex);
+            c->send("ls\r\n");
+            c->read_until("ls\r\n");
+            c->send("cp long.txt dest\r\n" + tails[round - 1]);
+            c->read_until("mkdir " + after + "\r\n");
+            c.reset();
+            EXPECT_TRUE(wait_until([&] {
+                return server_.server().conns.find_if(
+                           [](const ConnSlot& s) { return s.ghost.load() != 0; }) != nullptr;
+            }));
+        }
+        EXPECT_TRUE(gone()) << round;
+        EXPECT_TRUE(std::filesystem::is_regular_file(server_.home() / "dest" / "long.txt"));
+        EXPECT_TRUE(std::filesystem::is_directory(server_.home() / after));
+        EXPECT_FALSE(std::filesystem::exists(server_.home() / "never"));
+        EXPECT_EQ(active_logins(server_, "demo"), 0);
+    }
 }
 
 // Several sessions change and list the tree at the same time.

@@ -68,10 +68,12 @@ TEST(TelnetInput, QuestionMorePageAndTransferStates) {
     EXPECT_EQ(take_key(line), ' ');
     EXPECT_EQ(line, "\nqQ");
     EXPECT_FALSE(feed_more_key(line, "abc").key_taken);
-    // A line-mode key counts once, Enter alone is a key, IAC IP is Ctrl-C.
-    for (auto [in, stored] : {std::pair{std::string(" \r\n"), std::string(" ")},
+    // Every key byte counts: a space then Enter is a page and a line; IAC IP is no key at all.
+    for (auto [in, stored] : {std::pair{std::string(" \r\n"), std::string(" \n")},
                               {"\r\n", "\n"},
-                              {bytes({255, 244, 255, 253, 6}), "Q"}}) {
+                              {"q\r\n", "q\n"},
+                              {bytes({255, 244}), ""},
+                              {bytes({255, 244, ' '}), " "}}) {
         line.clear();
         feed_more_key(line, in);
         EXPECT_EQ(line, stored);

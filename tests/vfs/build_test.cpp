@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <shared_mutex>
 #include <unistd.h>
 
 using namespace orv;
@@ -203,6 +205,35 @@ TEST(Mounts, LineParsing) {
     EXPECT_EQ(normalize_mount_point(""), "\\");
 }
 
+TEST(Mounts, RelativeDirectoriesAreTakenFromTheStartDirectory) {
+    struct Case {
+        const char* configured;
+        std::string resolved;
+    };
+    for (const Case& k : {Case{"home", "/start/home"}, Case{"a/../b", "/start/a/../b"},
+                          Case{"/srv/ftp", "/srv/ftp"}, Case{"", ""}})
+        EXPECT_EQ(resolve_configured_path("/start", k.configured), k.resolved) << k.configured;
+    EXPECT_EQ(resolve_configured_path("/start/", "x"), "/start/x");
+
+    // The process's working directory is somewhere else entirely.
+    BuildFixture f;
+    f.dir.write("home/in-home.txt", "h");
+    f.dir.write("extra/in-mount.txt", "m");
+    f.dir.write("mounts", "extra|\\mnt\n");
+    f.server.settings.serverhome = "home";
+    ASSERT_NE(fs::current_path(), f.dir.path());
+    f.build();
+    ASSERT_TRUE(f.find("\\in-home.txt"));
+    NodePtr mounted = f.find("\\mnt\\in-mount.txt");
+    ASSERT_TRUE(mounted);
+    EXPECT_EQ(node_real_path(f.tree(), *mounted), (f.dir / "extra/in-mount.txt").string());
+    EXPECT_EQ(node_real_path(f.tree(), *f.find("\\in-home.txt")),
+              (f.dir / "home/in-home.txt").string());
+    // Both are written back as the administrator wrote them.
+    EXPECT_EQ(mounts_text(f.tree()), "extra|\\mnt\n");
+    EXPECT_TRUE(f.logged("File System root starts in - home"));
+}
+
 TEST(Mounts, EmptyHomeServesNothing) {
     BuildFixture f;
     f.server.settings.serverhome.clear();
@@ -255,7 +286,7 @@ TEST(PermissionList, VerifyAppliesLinesAndKeepsUnknownOwners) {
     f.server.accounts->read_users(f.dir / "users", f.server.log);
     f.server.accounts->link_groups(f.dir / "groups", f.server.log);
     std::string deep_line = "\\pub:d:anna:anna:000000000";
-    while (deep_line.size() < 1100)
+    while (deep_line.size() < 6000)
         deep_line += ":x"; // too long for one read: dropped whole
     f.dir.write("fpl.txt", "\\:d:root:root:111101101\n"
                            "\\pub:d:anna:ghost:111101000:staff\n"
@@ -304,4 +335,95 @@ TEST(PermissionList, VerifyAppliesLinesAndKeepsUnknownOwners) {
     EXPECT_NE(saved.find("\\pub:d:anna:ghost:111101000:staff\n"), std::string::npos);
     EXPECT_EQ(saved.find("gone"), std::string::npos);
     EXPECT_NE(saved.find("\\pub\\old.txt:-::anna:107000001\n"), std::string::npos);
+}
+
+namespace {
+
+// Nested directories of one name below `top`, made one handle at a time: the whole path may
+// be longer than the host accepts in one piece.
+void make_chain(const fs::path& top, const std::string& name, int depth) {
+    int fd = ::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int i = 0; i < depth && fd >= 0; ++i) {
+        ::mkdirat(fd, name.c_str(), 0755);
+        int next = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    if (fd >= 0)
+        ::close(fd);
+}
+
+// Moves the part of the chain below `depth` up to `top`, so that every path is short enough
+// to be removed the usual way.
+void cut_chain(const fs::path& top, const std::string& name, int depth) {
+    int top_fd = ::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int fd = ::dup(top_fd);
+    for (int i = 0; i < depth && fd >= 0; ++i) {
+        int next = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = next;
+    }
+    if (fd >= 0) {
+        ::renameat(fd, name.c_str(), top_fd, "cut");
+        ::close(fd);
+    }
+    ::close(top_fd);
+}
+
+} // namespace
+
+TEST(PermissionList, TreeAtThePathLimitSurvivesSaveAndRestart) {
+    // Sixteen levels of 255-byte names: a virtual path of exactly 4,096 bytes at the bottom,
+    // and one more level below that the tree cannot hold.
+    const std::string name(255, 'd');
+    BuildFixture f;
+    make_chain(f.home(), name, 16);
+    std::string bottom_path;
+    for (int i = 0; i < 16; ++i)
+        bottom_path += "\\" + name;
+    {
+        // The extra level, made below the sixteenth.
+        int fd = ::open(f.home().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        for (int i = 0; i < 16; ++i) {
+            int next = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            ::close(fd);
+            fd = next;
+        }
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::mkdirat(fd, "x", 0755), 0);
+        ::close(fd);
+    }
+    f.build();
+    NodePtr bottom = f.find(bottom_path);
+    ASSERT_TRUE(bottom);
+    EXPECT_EQ(node_virtual_path(*bottom, '\\').size(), kMaxVirtualPath);
+    EXPECT_TRUE(bottom->children.empty());
+    EXPECT_EQ(std::count_if(f.log.begin(), f.log.end(),
+                            [](const std::string& l) {
+                                return l.starts_with(
+                                    "**** Left out of the file system (path too long)");
+                            }),
+              1);
+    {
+        std::unique_lock lock(f.server.tree_mutex);
+        bottom->owner = f.server.accounts->find_or_make_user("anna");
+        bottom->flags = {1, 1, 0, 1, 0, 0, 0, 0, 0};
+    }
+    ASSERT_TRUE(write_fpl(f.server));
+    std::string saved = f.dir.read("fpl.txt");
+    EXPECT_NE(saved.find(bottom_path + ":d:root:anna:110100000\n"), std::string::npos);
+
+    // The next start finds every level and gives the bottom its owner and flags back.
+    Server again(f.dir.path());
+    again.accounts = std::make_shared<Accounts>(&again.memory_allocated);
+    again.settings.serverhome = f.home().string();
+    build_file_system(again);
+    NodePtr back = find_node(*again.vfs, bottom_path, again.vfs->root);
+    ASSERT_TRUE(back);
+    ASSERT_TRUE(back->owner);
+    EXPECT_EQ(back->owner->name, "anna");
+    EXPECT_EQ(back->flags, (std::array<uint8_t, 9>{1, 1, 0, 1, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(count_subtree(*again.vfs->root), 17);
+
+    cut_chain(f.home(), name, 8);
 }

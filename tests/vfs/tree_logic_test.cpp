@@ -85,6 +85,17 @@ TEST(PathResolve, VirtualAndRealPaths) {
     EXPECT_EQ(node_real_path(t.tree, *t.pub), "/mnt/disk");
     EXPECT_EQ(node_real_path(t.tree, *deep), "/mnt/disk/x/y.bin");
     EXPECT_EQ(node_virtual_path(*deep, '/'), "/data/pub/x/y.bin");
+    HostPath split = node_host_path(t.tree, *deep);
+    EXPECT_EQ(split.base, "/mnt/disk");
+    EXPECT_EQ(split.relative, "x/y.bin");
+    EXPECT_EQ(node_host_path(t.tree, *t.pub).relative, "") << "the mount point is its base";
+
+    // The 4,096-byte limit counts the separator before the new name.
+    std::string name(4096 - 1 - 4, 'n'); // "\etc" + "\" + name = 4096 bytes
+    EXPECT_TRUE(virtual_path_fits(*t.etc, name));
+    EXPECT_FALSE(virtual_path_fits(*t.etc, name + "n"));
+    EXPECT_FALSE(virtual_path_fits(*t.etc, name, 1)) << "the depth below a moved directory counts";
+    EXPECT_TRUE(virtual_path_fits(*t.tree.root, std::string(4095, 'r')));
 
     // A node cut off the tree has no host path any more.
     unlink_node(t.etc, nullptr);
