@@ -102,6 +102,11 @@ AuthSettings LoginGuard::settings() const {
 
 std::shared_ptr<AddressTicket> LoginGuard::admit(int fd, bool& refused) {
     refused = false;
+    {
+        std::lock_guard lock(shared_->mutex);
+        if (!shared_->settings.guard_on())
+            return nullptr;
+    }
     std::string address = peer_address_text(fd);
     std::string key = guard_key(address);
     bool first_refusal = false;
