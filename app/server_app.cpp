@@ -82,12 +82,12 @@ void ServerApp::reload_settings() {
     apply_service_settings(*this, form);
 }
 
-void ServerApp::watch_hangups(asio::signal_set& signals) {
-    signals.async_wait([this, &signals](const asio::error_code& ec, int) {
+void ServerApp::watch_hangups(asio::signal_set& hangups) {
+    hangups.async_wait([this, &hangups](const asio::error_code& ec, int) {
         if (ec)
             return;
         reload_settings();
-        watch_hangups(signals);
+        watch_hangups(hangups);
     });
 }
 

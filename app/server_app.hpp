@@ -42,7 +42,7 @@ class ServerApp {
     // home directory only at the next start. Sessions stay.
     void reload_settings();
     // Makes `signals` (SIGHUP) call reload_settings() on every hang-up until cancelled.
-    void watch_hangups(asio::signal_set& signals);
+    void watch_hangups(asio::signal_set& hangups);
 
     // Runs the event loop on the calling thread until request_stop().
     void run();
