@@ -1,5 +1,6 @@
 #include "accounts/accounts.hpp"
 
+#include "accounts/password.hpp"
 #include "core/log.hpp"
 #include "platform/files.hpp"
 #include "platform/text.hpp"
@@ -154,7 +155,7 @@ std::shared_ptr<User> parse_user_line(std::string_view line) {
     auto u = std::make_shared<User>();
     u->name = cut(fields[0], kMaxUserName);
     u->uid = static_cast<int16_t>(to_long(fields[1]));
-    u->password = cut(fields[2], kMaxPassword);
+    u->password = cut(fields[2], is_hashed_password(fields[2]) ? kMaxHashedPassword : kMaxPassword);
     u->max_logins = static_cast<int16_t>(to_long(fields[3]));
     u->conn_flags = static_cast<uint16_t>(to_long(fields[4]));
     u->home_dir = cut(fields[5], kMaxHomeDir);

@@ -57,6 +57,8 @@ std::optional<std::string> encode_password(std::string_view name, std::string_vi
 }
 
 std::string decode_password(std::string_view name, std::string_view stored) {
+    if (is_hashed_password(stored))
+        return {};
     std::string out;
     out.reserve(stored.size());
     for (size_t i = 0; i < stored.size(); ++i) {
@@ -69,6 +71,8 @@ std::string decode_password(std::string_view name, std::string_view stored) {
 }
 
 bool check_password(const User& user, std::string_view typed) {
+    if (is_hashed_password(user.password))
+        return verify_hashed_password(user.password, typed);
     std::optional<std::string> encoded = encode_password(user.name, typed);
     return encoded && *encoded == user.password;
 }

@@ -21,12 +21,15 @@ constexpr int16_t kPlaceholderUid = -1; // 65535
 // Field limits of the stored records.
 constexpr size_t kMaxUserName = 31;
 constexpr size_t kMaxPassword = 31;
+// A password stored as a salted hash (password_hash=1) is longer than the reversible form;
+// the field takes it up to this length.
+constexpr size_t kMaxHashedPassword = 127;
 constexpr size_t kMaxHomeDir = 259;
 
 struct User {
     int16_t uid = 0;
     std::string name;
-    std::string password; // the stored (encoded) form, never the clear text
+    std::string password; // the stored (encoded or hashed) form, never the clear text
     int16_t max_logins = 0;
     std::atomic<int16_t> active_logins{0}; // not saved
     uint16_t conn_flags = 0;

@@ -39,8 +39,10 @@ bool owns_files(const Server& server, const std::shared_ptr<User>& user) {
     return owns;
 }
 
-std::optional<AdminRefusal> check_user_form(const UserForm& form) {
-    if (!form.keep_password && password_rule(form.name, form.password) <= 0)
+// `keep_password`: the account's password is stored as a hash, which is never shown, and the
+// field was left empty: the password stays as it is.
+std::optional<AdminRefusal> check_user_form(const UserForm& form, bool keep_password) {
+    if (!keep_password && password_rule(form.name, form.password) <= 0)
         return AdminRefusal{"Error", "Invalid password pick a different one!"};
     // The `users`, `groups` and fpl.txt lines separate fields with ":" and end at a line end:
     // a name or home directory holding one would let the next start read an account (a super
@@ -52,9 +54,9 @@ std::optional<AdminRefusal> check_user_form(const UserForm& form) {
     return std::nullopt;
 }
 
-void fill_user(User& user, const UserForm& form) {
-    if (!form.keep_password)
-        user.password = encode_password(form.name, form.password).value_or("");
+void fill_user(User& user, const UserForm& form, const std::optional<std::string>& stored) {
+    if (stored)
+        user.password = *stored;
     user.max_logins = static_cast<int16_t>(to_long(form.max_logins));
     user.home_dir = form.home_dir.substr(0, kMaxHomeDir);
     // The rights are rebuilt from the boxes, never merged.
@@ -100,10 +102,22 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
     UserForm form = typed;
     form.name = form.name.substr(0, kMaxUserName);
     UserSaveResult result;
-    if (auto refusal = check_user_form(form)) {
+    bool keep_password = form.keep_password;
+    if (!keep_password && form.password.empty()) {
+        std::shared_lock lock(server.tree_mutex);
+        std::shared_ptr<User> user =
+            server.accounts ? server.accounts->find_user(form.name) : nullptr;
+        keep_password = user && is_hashed_password(user->password);
+    }
+    if (auto refusal = check_user_form(form, keep_password)) {
         result.refusal = refusal;
         return result;
     }
+    // Hashing takes a moment: never under the tree lock.
+    std::optional<std::string> stored;
+    if (!keep_password)
+        stored = store_password(form.name, form.password, server.guard.settings().password_hash)
+                     .value_or("");
     std::vector<std::string> lines;
     {
         std::unique_lock lock(server.tree_mutex);
@@ -120,7 +134,7 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
             user = std::make_shared<User>();
             user->name = form.name;
             user->uid = static_cast<int16_t>(uid);
-            fill_user(*user, form);
+            fill_user(*user, form, stored);
             accounts.push_user(user);
             lines.push_back(strf("Added User (%s)", form.name.c_str()));
         } else if (!is_placeholder(*user)) {
@@ -134,7 +148,7 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
                     return result;
                 }
             }
-            fill_user(*user, form);
+            fill_user(*user, form, stored);
             user->uid = static_cast<int16_t>(uid);
             lines.push_back(strf("Updated User (%s)", form.name.c_str()));
         } else {
@@ -144,7 +158,7 @@ UserSaveResult save_user(Server& server, const UserForm& typed) {
                 result.refusal = no_free_uid();
                 return result;
             }
-            fill_user(*user, form);
+            fill_user(*user, form, stored);
             user->uid = static_cast<int16_t>(uid);
             lines.push_back(strf("Added User (%s), already owns file(s)", form.name.c_str()));
         }

@@ -6,6 +6,7 @@
 #include "app/options.hpp"
 #include "app/server_app.hpp"
 #include "platform/net.hpp"
+#include "platform/service_notify.hpp"
 
 #include <asio.hpp>
 #include <csignal>
@@ -17,7 +18,11 @@
 namespace {
 
 int encode_password_command(const orv::Options& o) {
-    std::optional<std::string> stored = orv::encode_password(o.encode_name, o.encode_password_text);
+    std::error_code ec;
+    std::filesystem::path dir = o.start_dir.empty() ? std::filesystem::current_path(ec)
+                                                    : std::filesystem::path(o.start_dir);
+    std::optional<std::string> stored =
+        orv::store_password_for(dir, o.encode_name, o.encode_password_text);
     if (!stored) {
         std::fprintf(stderr, "orvane-server: the password cannot be stored: use 1 to 31 printable "
                              "characters without ':'\n");
@@ -50,7 +55,9 @@ int run_headless(orv::ServerApp& app) {
     asio::signal_set hangups(app.server().io(), SIGHUP);
     app.watch_hangups(hangups);
     app.start();
+    orv::notify_service_ready();
     app.run();
+    orv::notify_service_stopping();
     signals.cancel();
     hangups.cancel();
     app.shutdown();

@@ -16,6 +16,7 @@ void load_server_tables(Server& server) {
     server.settings = read_settings(server.table_path("settings.ini"));
     for (const std::string& problem : server.settings.ext.problems)
         server.log_message(problem);
+    server.guard.configure(read_auth_settings(server.table_path("settings.ini"), &server.log));
     server.accounts = std::make_shared<Accounts>(&server.memory_allocated);
     server.accounts->read_groups(server.table_path("groups"), server.log);
     server.accounts->read_users(server.table_path("users"), server.log);
@@ -75,6 +76,7 @@ void ServerApp::reload_settings() {
     form.ftp = fresh.ftp_enabled();
     form.ftp_port = std::to_string(fresh.ftp_port);
     server_.log_message("Settings reloaded");
+    server_.guard.configure(read_auth_settings(server_.table_path("settings.ini"), &server_.log));
     server_.settings.maxusers = fresh.maxusers;
     // The passive-mode keys (and passive_address's name, resolved anew) apply from the next
     // PASV on; they are read on this thread only.

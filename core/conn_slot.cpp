@@ -1,6 +1,7 @@
 #include "core/conn_slot.hpp"
 
 #include "accounts/user.hpp"
+#include "core/login_guard.hpp"
 #include "core/server.hpp"
 #include "core/slot_socket.hpp"
 #include "platform/net.hpp"
@@ -78,6 +79,16 @@ void ConnSlot::set_outgoing(std::shared_ptr<OutgoingSession> session) {
     outgoing_ = std::move(session);
 }
 
+std::shared_ptr<AddressTicket> ConnSlot::guard_ticket() const {
+    std::lock_guard lock(mutex_);
+    return guard_ticket_;
+}
+
+void ConnSlot::set_guard_ticket(std::shared_ptr<AddressTicket> ticket) {
+    std::lock_guard lock(mutex_);
+    guard_ticket_ = std::move(ticket);
+}
+
 bool ConnSlot::send_text(std::string_view text) {
     return send_bytes(text.data(), text.size());
 }
@@ -135,13 +146,16 @@ void ConnSlot::attach_control(std::unique_ptr<SlotSocket> s) {
 }
 
 void ConnSlot::close_control() {
-    std::lock_guard lock(io_mutex_);
-    if (control_) {
-        asio::error_code ignored;
-        control_->socket.close(ignored);
-        control_->login_deadline.cancel();
+    {
+        std::lock_guard lock(io_mutex_);
+        if (control_) {
+            asio::error_code ignored;
+            control_->socket.close(ignored);
+            control_->login_deadline.cancel();
+        }
+        fd_ = -1;
     }
-    fd_ = -1;
+    set_guard_ticket(nullptr);
 }
 
 void ConnSlot::shutdown_control() {

@@ -23,6 +23,7 @@ struct VfsNode;
 struct OutgoingSession;
 struct SlotSocket;
 struct FtpSessionExtras;
+class AddressTicket;
 
 enum class Service : uint8_t { Ftp, Telnet };
 
@@ -66,7 +67,7 @@ class ConnSlot {
     // Event thread only.
     std::string line_buf;   // FTP command buffer / Telnet line being typed
     std::string port_arg;   // FTP: the last accepted PORT argument
-    std::string login_name; // FTP: the name given with USER
+    std::string login_name; // the account name the client gave (FTP USER, Telnet "login: ")
     uint8_t list_state = 0; // 9 while a "who" listing is being sent
     std::weak_ptr<ConnSlot> list_cursor;
 
@@ -86,6 +87,10 @@ class ConnSlot {
     // Lines queued for the user, sent before the next prompt (each cut to 80 characters).
     void queue_message(std::string_view text);
     std::vector<std::string> take_messages();
+    // The connection's place in its address's count (brute-force defence); none when the
+    // defence is off. Given back when the control socket closes.
+    std::shared_ptr<AddressTicket> guard_ticket() const;
+    void set_guard_ticket(std::shared_ptr<AddressTicket> ticket);
     // Slot-specific extension owned by the outgoing clients.
     std::shared_ptr<OutgoingSession> outgoing() const;
     void set_outgoing(std::shared_ptr<OutgoingSession> session);
@@ -115,6 +120,7 @@ class ConnSlot {
     std::shared_ptr<VfsNode> cwd_;
     std::deque<std::string> messages_;
     std::shared_ptr<OutgoingSession> outgoing_;
+    std::shared_ptr<AddressTicket> guard_ticket_;
 
     mutable std::mutex io_mutex_;
     std::unique_ptr<SlotSocket> control_;

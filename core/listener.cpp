@@ -97,6 +97,15 @@ void Listener::accept_next() {
                 return;
             }
             int fd = socket.native_handle();
+            bool refused = false;
+            std::shared_ptr<AddressTicket> ticket = server_.guard.admit(fd, refused);
+            if (refused) {
+                // A banned or crowding address is turned away before it costs a log line.
+                asio::error_code ignored;
+                socket.close(ignored);
+                accept_next();
+                return;
+            }
             std::string peer = peer_address_text(fd);
             bool have_peer = !peer.empty();
             server_.log.logf("%s Connect from %s port %i", name_.c_str(),
@@ -121,6 +130,10 @@ void Listener::accept_next() {
                     socket.non_blocking(true, ignored);
                     set_nodelay(fd);
                     on_accept_(std::move(socket), fd);
+                    // The session just made is the newest with this socket number.
+                    if (ticket)
+                        if (SlotPtr slot = server_.conns.find(fd))
+                            slot->set_guard_ticket(std::move(ticket));
                 }
             }
             accept_next();

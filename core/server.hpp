@@ -4,6 +4,7 @@
 // it is process-wide, so a test can run two servers in one process.
 #include "core/conn_table.hpp"
 #include "core/log.hpp"
+#include "core/login_guard.hpp"
 #include "core/settings.hpp"
 #include "core/tree_mutex.hpp"
 #include "core/workers.hpp"
@@ -53,6 +54,8 @@ class Server {
 
     ConnTable conns;
     WorkerRegistry workers;
+    // Per-address limits, bans and pauses of the login services (off unless configured).
+    LoginGuard guard{*this};
 
     // Guards the tree and the accounts: shared for look-ups and listings, exclusive for
     // changes. Never held across a network send, a host file copy or a sleep.

@@ -1,7 +1,7 @@
 #include "ftpd/login.hpp"
 
 #include "accounts/accounts.hpp"
-#include "accounts/password.hpp"
+#include "accounts/login_check.hpp"
 #include "core/server.hpp"
 #include "ftpd/control_connection.hpp"
 #include "ftpd/replies.hpp"
@@ -31,21 +31,19 @@ void ftp_user(FtpContext& ctx, const SlotPtr& slot, const std::string& name) {
     slot->send_text(ftp_text::kUserOk);
 }
 
-void ftp_pass(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& password) {
+namespace {
+
+void ftp_pass_decided(const FtpContextPtr& ctx, const SlotPtr& slot, bool accepted) {
     Server& server = ctx->server;
     std::shared_ptr<User> user = slot->user();
     std::string name;
     std::string home;
     int16_t max_logins = 0;
-    bool accepted = false;
-    {
+    if (accepted) {
         std::shared_lock lock(server.tree_mutex);
-        if (user && user->has_right(kRightFtpIn) && check_password(*user, password)) {
-            accepted = true;
-            name = user->name;
-            home = user->home_dir;
-            max_logins = user->max_logins;
-        }
+        name = user->name;
+        home = user->home_dir;
+        max_logins = user->max_logins;
     }
     slot->logged_in = false;
     slot->give_back_login();
@@ -81,6 +79,13 @@ void ftp_pass(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& 
     slot->logged_in = true;
     if (!server.workers.spawn([ctx, slot] { login_message_thread(ctx, slot); }))
         server.log_message("**** Failed to create ftp in CWD Thread ****");
+}
+
+} // namespace
+
+void ftp_pass(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& password) {
+    check_login(ctx->server, slot, kRightFtpIn, password,
+                [ctx, slot](bool accepted) { ftp_pass_decided(ctx, slot, accepted); });
 }
 
 void ftp_login_failed(FtpContext& ctx, const SlotPtr& slot) {

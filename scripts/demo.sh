@@ -5,7 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
-scripts/build.sh build
+# Only the server binary: the tests, benchmarks and fuzz targets are not needed for the demo.
+cmake -S . -B build -G Ninja >/dev/null
+ninja -C build orvane-server
 bin="$PWD/build/orvane-server"
 demo="$PWD/demo"
 name=demo
@@ -27,13 +29,20 @@ ftp_port=2121
 [Extensions]
 ftp_modern=1
 live_tree=1
+login_delay_ms=1000
+ban_after=5
+ban_seconds=60
+max_per_address=10
+auth_log=1
+password_hash=1
 INI
   printf 'Welcome to the Orvane Server demo.\nFiles to try are in /pub; uploads are welcome in /incoming.\n' > "$demo/motd.txt"
   printf 'Hello from Orvane Server!\r\n' > "$demo/home/pub/hello.txt"
   seq 1 200 | sed 's/^/line /' > "$demo/home/docs/numbers.txt"
   head -c 1048576 /dev/urandom > "$demo/home/pub/random-1MiB.bin"
   cp README.md "$demo/home/docs/README.txt" 2>/dev/null || true
-  echo "$name:101:$("$bin" --encode-password "$name" "$password"):4:15:\\" > "$demo/users"
+  # Stored as the demo's settings say (a salted hash, password_hash=1).
+  echo "$name:101:$("$bin" -C "$demo" --encode-password "$name" "$password"):4:15:\\" > "$demo/users"
   chmod 600 "$demo/users"
   echo "staff:101:$name" > "$demo/groups"
   # The demo account owns /incoming, so uploads and new directories work there.

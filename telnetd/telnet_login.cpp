@@ -1,7 +1,7 @@
 #include "telnetd/telnet_login.hpp"
 
 #include "accounts/accounts.hpp"
-#include "accounts/password.hpp"
+#include "accounts/login_check.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
 #include "platform/text.hpp"
@@ -22,22 +22,23 @@ void login_name(Server& server, const SlotPtr& slot, const std::string& name) {
             user = server.accounts->find_user(name);
     }
     slot->set_user(std::move(user));
+    slot->login_name = name;
     slot->state = kStatePassword;
     slot->send_text("Password: ");
 }
 
-void login_password(Server& server, const SlotPtr& slot, const std::string& typed) {
+namespace {
+
+void password_decided(Server& server, const SlotPtr& slot, bool accepted) {
     std::shared_ptr<User> user = slot->user();
     std::string name;
     int max_logins = 0;
     std::string home;
-    bool accepted = false;
-    if (user) {
+    if (accepted) {
         std::shared_lock lock(server.tree_mutex);
         name = user->name;
         max_logins = user->max_logins;
         home = user->home_dir;
-        accepted = user->has_right(kRightTelnetIn) && check_password(*user, typed);
     }
     if (!accepted) {
         login_failure(server, slot);
@@ -67,6 +68,13 @@ void login_password(Server& server, const SlotPtr& slot, const std::string& type
     slot->send_text(strf("%s - %i out of %i allowed connections in use.\r\n", name.c_str(), in_use,
                          max_logins));
     send_shell_prompt(server, slot);
+}
+
+} // namespace
+
+void login_password(Server& server, const SlotPtr& slot, const std::string& typed) {
+    check_login(server, slot, kRightTelnetIn, typed,
+                [&server, slot](bool accepted) { password_decided(server, slot, accepted); });
 }
 
 void login_failure(Server& server, const SlotPtr& slot) {
