@@ -14,6 +14,8 @@ namespace orv {
 
 void load_server_tables(Server& server) {
     server.settings = read_settings(server.table_path("settings.ini"));
+    for (const std::string& problem : server.settings.ext.problems)
+        server.log_message(problem);
     server.accounts = std::make_shared<Accounts>(&server.memory_allocated);
     server.accounts->read_groups(server.table_path("groups"), server.log);
     server.accounts->read_users(server.table_path("users"), server.log);
@@ -74,6 +76,14 @@ void ServerApp::reload_settings() {
     form.ftp_port = std::to_string(fresh.ftp_port);
     server_.log_message("Settings reloaded");
     server_.settings.maxusers = fresh.maxusers;
+    // The passive-mode keys (and passive_address's name, resolved anew) apply from the next
+    // PASV on; they are read on this thread only.
+    for (const std::string& problem : fresh.ext.problems)
+        server_.log_message(problem);
+    server_.settings.ext.passive_low = fresh.ext.passive_low;
+    server_.settings.ext.passive_high = fresh.ext.passive_high;
+    server_.settings.ext.passive_address = fresh.ext.passive_address;
+    server_.settings.ext.passive_ipv4 = fresh.ext.passive_ipv4;
     if (fresh.serverhome != server_.settings.serverhome)
         server_.log_message(
             "Server home directory change will take effect next time you start the server");

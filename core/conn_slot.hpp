@@ -22,6 +22,7 @@ struct User;
 struct VfsNode;
 struct OutgoingSession;
 struct SlotSocket;
+struct FtpSessionExtras;
 
 enum class Service : uint8_t { Ftp, Telnet };
 
@@ -39,6 +40,11 @@ class ConnSlot {
     // Peer IPv4 address bytes in network order (for "who"); valid when peer_known.
     std::array<uint8_t, 4> peer{};
     bool peer_known = false;
+    // The peer's address as text (IPv4 dotted or IPv6), for logs and "who".
+    std::string peer_text;
+    // FTP sessions with the newer command set on: their passive listener, restart offset and
+    // the like. Set before the session reads its first command; null otherwise.
+    std::shared_ptr<FtpSessionExtras> ftp_extras;
 
     std::atomic<uint8_t> state{1};
     std::atomic<uint8_t> fail_count{0}; // Telnet failed logins; FTP login refusal mark

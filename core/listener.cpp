@@ -24,7 +24,16 @@ bool Listener::start(int port, AcceptFn on_accept) {
     server_.recv_buffer.fill(0);
     acceptor_ = std::make_unique<asio::ip::tcp::acceptor>(server_.io());
     asio::error_code ec;
-    acceptor_->open(asio::ip::tcp::v4(), ec);
+    // Every IPv4 address unless listen_address names one address, or "::" for both families.
+    asio::ip::tcp::endpoint where(asio::ip::tcp::v4(), static_cast<uint16_t>(port));
+    const std::string& configured = server_.settings.ext.listen_address;
+    if (!configured.empty()) {
+        asio::ip::address address = asio::ip::make_address(configured, ec);
+        if (!ec)
+            where = asio::ip::tcp::endpoint(address, static_cast<uint16_t>(port));
+        ec.clear();
+    }
+    acceptor_->open(where.protocol(), ec);
     if (ec) {
         server_.log.logf("  %s - Socket error (%i)", name_.c_str(), ec.value());
         acceptor_.reset();
@@ -32,7 +41,9 @@ bool Listener::start(int port, AcceptFn on_accept) {
     }
     // Lets a restarted server take its port back at once; a port in use is still refused.
     acceptor_->set_option(asio::socket_base::reuse_address(true), ec);
-    acceptor_->bind(asio::ip::tcp::endpoint(asio::ip::tcp::v4(), static_cast<uint16_t>(port)), ec);
+    if (where.address().is_v6() && where.address().is_unspecified())
+        acceptor_->set_option(asio::ip::v6_only(false), ec);
+    acceptor_->bind(where, ec);
     if (ec) {
         server_.log.logf("  %s - Bind error (%i)", name_.c_str(), ec.value());
         acceptor_.reset();
@@ -86,12 +97,10 @@ void Listener::accept_next() {
                 return;
             }
             int fd = socket.native_handle();
-            uint32_t addr = 0;
-            int peer_port = 0;
-            bool have_peer = peer_ipv4(fd, addr, peer_port);
-            const auto* b = reinterpret_cast<const unsigned char*>(&addr);
-            server_.log.logf("%s Connect from %d.%d.%d.%d port %i", name_.c_str(), b[0], b[1], b[2],
-                             b[3], fd);
+            std::string peer = peer_address_text(fd);
+            bool have_peer = !peer.empty();
+            server_.log.logf("%s Connect from %s port %i", name_.c_str(),
+                             have_peer ? peer.c_str() : "0.0.0.0", fd);
             if (!have_peer) {
                 asio::error_code ignored;
                 socket.close(ignored);

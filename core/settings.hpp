@@ -1,5 +1,7 @@
 #pragma once
 // The server's global settings, read once from settings.ini at start-up.
+#include "core/extensions.hpp"
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -13,6 +15,7 @@ struct Settings {
     int ftp = 0;
     int telnet_port = 23;
     int ftp_port = 21;
+    Extensions ext; // the opt-in [Extensions] keys
 
     bool telnet_enabled() const { return telnet == 1; }
     bool ftp_enabled() const { return ftp == 1; }

@@ -5,6 +5,7 @@
 #include "core/server.hpp"
 #include "core/slot_socket.hpp"
 #include "ftpd/dispatcher.hpp"
+#include "ftpd/modern_commands.hpp"
 #include "ftpd/replies.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
@@ -46,12 +47,15 @@ void close_after(FtpContext& ctx, const SlotPtr& slot) {
 void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number) {
     Server& server = ctx->server;
     auto slot = std::make_shared<ConnSlot>(Service::Ftp, socket_number);
+    if (server.settings.ext.ftp_modern)
+        start_modern_session(ctx, slot, socket_number);
     uint32_t addr = 0;
     int port = 0;
     if (peer_ipv4(socket_number, addr, port)) {
         std::memcpy(slot->peer.data(), &addr, sizeof addr);
         slot->peer_known = true;
     }
+    slot->peer_text = peer_address_text(socket_number);
     slot->attach_control(std::make_unique<SlotSocket>(std::move(socket)));
     server.conns.add(slot);
     ctx->last_accepted = slot;
@@ -87,6 +91,10 @@ bool close_session(FtpContext& ctx, const SlotPtr& slot) {
 }
 
 void on_control_read(const FtpContextPtr& ctx, const SlotPtr& slot, const char* data, size_t size) {
+    if (slot->ftp_extras) { // every complete line in turn
+        modern_control_read(ctx, slot, data, size);
+        return;
+    }
     Server& server = ctx->server;
     std::string& buffer = slot->line_buf;
     if (size + buffer.size() >= kCommandBufferLimit) {

@@ -1,6 +1,7 @@
 #include "ftpd/data_connection.hpp"
 
 #include "core/server.hpp"
+#include "ftpd/passive.hpp"
 #include "ftpd/replies.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
@@ -106,6 +107,8 @@ bool peer_matches(const ConnSlot& slot, const std::string& address, uint32_t& ad
 
 int open_data_connection(Server& server, ConnSlot& slot, const std::string& port_arg, char type,
                          long long size) {
+    if (slot.ftp_extras) // passive mode, EPRT and the 425 reply
+        return open_modern_data_connection(server, slot, port_arg, type, size);
     int fd = bound_data_socket(server, true);
     if (fd < 0)
         return -1;

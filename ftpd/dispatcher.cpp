@@ -6,6 +6,7 @@
 #include "ftpd/fs_commands.hpp"
 #include "ftpd/listing.hpp"
 #include "ftpd/login.hpp"
+#include "ftpd/modern_commands.hpp"
 #include "ftpd/replies.hpp"
 #include "ftpd/transfers.hpp"
 #include "platform/text.hpp"
@@ -90,6 +91,8 @@ void ftp_dispatch(const FtpContextPtr& ctx, const SlotPtr& slot, std::string lin
     if (state != 1 && state != 2 && state != 3)
         return; // a command is running: the line is dropped without a reply
     slot->state = 10;
+    if (slot->ftp_extras && modern_dispatch(ctx, slot, line))
+        return;
     ParsedCommand cmd = parse_ftp_command(line);
     switch (cmd.index) {
     case -1:

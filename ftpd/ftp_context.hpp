@@ -4,6 +4,7 @@
 #include "core/conn_slot.hpp"
 #include "ftpd/busy_marks.hpp"
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -21,6 +22,8 @@ struct FtpContext {
     BusyMarks busy;
     // The session the listener accepted last; it gets the overflow notice (event thread only).
     std::weak_ptr<ConnSlot> last_accepted;
+    // Where the next passive port is looked for in the configured range.
+    std::atomic<unsigned> next_passive{0};
 };
 using FtpContextPtr = std::shared_ptr<FtpContext>;
 

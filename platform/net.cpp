@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -122,15 +123,39 @@ int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms) {
 }
 
 static bool address_of(int fd, bool peer, uint32_t& addr_be, int& port) {
-    sockaddr_in sa{};
-    socklen_t len = sizeof sa;
-    int rc = peer ? ::getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &len)
-                  : ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len);
-    if (rc != 0 || sa.sin_family != AF_INET)
+    sockaddr_storage ss{};
+    socklen_t len = sizeof ss;
+    int rc = peer ? ::getpeername(fd, reinterpret_cast<sockaddr*>(&ss), &len)
+                  : ::getsockname(fd, reinterpret_cast<sockaddr*>(&ss), &len);
+    if (rc != 0)
         return false;
-    addr_be = sa.sin_addr.s_addr;
-    port = ntohs(sa.sin_port);
+    if (ss.ss_family == AF_INET) {
+        const auto& sa = reinterpret_cast<const sockaddr_in&>(ss);
+        addr_be = sa.sin_addr.s_addr;
+        port = ntohs(sa.sin_port);
+        return true;
+    }
+    // An IPv4 client of a listener that takes both families.
+    const auto& sa6 = reinterpret_cast<const sockaddr_in6&>(ss);
+    if (ss.ss_family != AF_INET6 || !IN6_IS_ADDR_V4MAPPED(&sa6.sin6_addr))
+        return false;
+    std::memcpy(&addr_be, sa6.sin6_addr.s6_addr + 12, 4);
+    port = ntohs(sa6.sin6_port);
     return true;
+}
+
+std::string peer_address_text(int fd) {
+    uint32_t v4 = 0;
+    int port = 0;
+    if (address_of(fd, true, v4, port))
+        return ipv4_text(v4);
+    sockaddr_in6 sa6{};
+    socklen_t len = sizeof sa6;
+    char text[INET6_ADDRSTRLEN] = "";
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&sa6), &len) != 0 ||
+        sa6.sin6_family != AF_INET6 || !::inet_ntop(AF_INET6, &sa6.sin6_addr, text, sizeof text))
+        return {};
+    return text;
 }
 
 bool local_ipv4(int fd, uint32_t& addr_be, int& port) {

@@ -38,6 +38,9 @@ int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms);
 // Local and peer IPv4 address of a connected socket (network order); false when unknown.
 bool local_ipv4(int fd, uint32_t& addr_be, int& port);
 bool peer_ipv4(int fd, uint32_t& addr_be, int& port);
+// The peer's address as text: dotted IPv4 (also for an IPv4-mapped IPv6 peer) or IPv6; empty
+// when unknown.
+std::string peer_address_text(int fd);
 
 // Sends everything, retrying partial sends; stops early (returning false) when *stop becomes
 // non-zero, on an error, or when no progress is made for idle_timeout_ms.

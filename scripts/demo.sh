@@ -23,6 +23,10 @@ telnet=1
 ftp=1
 telnet_port=2323
 ftp_port=2121
+
+[Extensions]
+ftp_modern=1
+live_tree=1
 INI
   printf 'Welcome to the Orvane Server demo.\nFiles to try are in /pub; uploads are welcome in /incoming.\n' > "$demo/motd.txt"
   printf 'Hello from Orvane Server!\r\n' > "$demo/home/pub/hello.txt"

@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build clang-format
   libasio-dev libgtest-dev
   qt6-base-dev xvfb xauth
-  curl lftp telnet expect tmux socat python3 python3-pyftpdlib
+  curl lftp telnet expect tmux socat python3 python3-pyftpdlib wget busybox tnftp
   clang libclang-rt-14-dev
 )
 if [ "${ORVANE_BENCH_PEERS:-0}" = 1 ]; then

@@ -78,7 +78,7 @@ std::string who_line_for(Server& server, const ConnSlot& slot) {
         std::shared_lock lock(server.tree_mutex);
         name = user->name;
     }
-    return who_line(name, slot.socket, slot.peer_known, slot.peer);
+    return who_line(name, slot.socket, slot.peer_known, slot.peer, slot.peer_text);
 }
 
 // The event that sends the next `who` line (one line per event, so that the table is read
@@ -152,11 +152,13 @@ std::string list_directory(const VfsTree& tree, const User* user, const NodePtr&
 }
 
 std::string who_line(std::string_view name, int socket, bool peer_known,
-                     const std::array<uint8_t, 4>& peer) {
+                     const std::array<uint8_t, 4>& peer, std::string_view peer_text) {
     std::string padded = strf("%-16.*s", static_cast<int>(name.size()), name.data());
     std::string line = strf("%.16s port %.3i   ", padded.c_str(), socket);
     if (peer_known)
         line += strf("%d.%d.%d.%d", peer[0], peer[1], peer[2], peer[3]);
+    else if (!peer_text.empty()) // an IPv6 peer
+        line += peer_text;
     else
         line += "???.???.???.???";
     return line + "\r\n";

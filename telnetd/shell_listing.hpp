@@ -20,8 +20,9 @@ std::string listing_line(const VfsNode& node, std::string_view shown_name, bool 
 std::string list_directory(const VfsTree& tree, const User* user, const NodePtr& cwd,
                            std::string arg);
 // One line of `who` for a slot.
+// `peer_text` shows a peer that has no IPv4 address.
 std::string who_line(std::string_view name, int socket, bool peer_known,
-                     const std::array<uint8_t, 4>& peer);
+                     const std::array<uint8_t, 4>& peer, std::string_view peer_text = {});
 const std::string& help_text();
 
 // Worker bodies.

@@ -109,6 +109,7 @@ void accept_telnet_conn(Server& server, asio::ip::tcp::socket socket, int socket
         slot->peer = {b[0], b[1], b[2], b[3]};
         slot->peer_known = true;
     }
+    slot->peer_text = peer_address_text(socket_number);
     slot->attach_control(std::make_unique<SlotSocket>(std::move(socket)));
     server.conns.add(slot);
     const unsigned char will_echo[] = {kIac, kWill, kOptEcho};

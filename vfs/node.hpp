@@ -50,6 +50,9 @@ struct VfsNode {
     std::shared_ptr<Group> group;  // may be null
     std::weak_ptr<VfsNode> parent; // empty for the root and for nodes unlinked from the tree
     std::vector<std::shared_ptr<VfsNode>> children; // chain order; new children appended
+    // Directories with live_tree on: the host directory's modification time (ns) when the
+    // children were last brought in step with it; 0 = not compared yet.
+    int64_t host_mtime_ns = 0;
 
     bool is_dir() const { return kind == 'd'; }
     std::shared_ptr<VfsNode> parent_node() const { return parent.lock(); }

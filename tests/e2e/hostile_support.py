@@ -115,7 +115,7 @@ class Server:
     (by default \\pub is open to all, \\private is the admin's alone)."""
 
     def __init__(self, maxusers=50, users=DEFAULT_USERS, files=None, dirs=(), fpl=DEFAULT_FPL,
-                 mounts="", groups="", motd=None, start=True, keep_log=True):
+                 mounts="", groups="", motd=None, start=True, keep_log=True, extensions=None):
         self.tmp = tempfile.TemporaryDirectory(prefix="orvane-e2e-")
         self.dir = self.tmp.name
         self.home = os.path.join(self.dir, "home")
@@ -126,6 +126,8 @@ class Server:
             with open(os.path.join(self.home, rel), "wb") as f:
                 f.write(data)
         self.maxusers = maxusers
+        # Keys of the [Extensions] section (name -> value); none by default.
+        self.extensions = dict(extensions or {})
         self.new_ports()
         # (An account without a password gets a stored form no password matches.)
         self.write_table("users", "".join("%s:%d:%s:%d:%d:\\\n" % (
@@ -146,7 +148,9 @@ class Server:
         self.ftp_port, self.telnet_port = free_port(), free_port()
         self.write_table("settings.ini", "[Server_Settings]\nserverhome=%s\nmaxusers=%d\n"
                          "[Services]\ntelnet=1\nftp=1\ntelnet_port=%d\nftp_port=%d\n" % (
-                             self.home, self.maxusers, self.telnet_port, self.ftp_port))
+                             self.home, self.maxusers, self.telnet_port, self.ftp_port) +
+                         "".join(["[Extensions]\n"] * bool(self.extensions)) +
+                         "".join("%s=%s\n" % kv for kv in self.extensions.items()))
 
     def write_table(self, name, text):
         with open(os.path.join(self.dir, name), "w") as f:

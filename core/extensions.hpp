@@ -1,0 +1,35 @@
+#pragma once
+// The opt-in keys of the [Extensions] section. With none of them the server behaves exactly
+// as it always has; each key switches on one thing that today's clients and networks expect.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace orv {
+
+class IniFile;
+
+struct Extensions {
+    // Empty: every IPv4 address (the classic listener). "::" = IPv6 and IPv4; otherwise one
+    // literal address.
+    std::string listen_address;
+    // Passive mode, EPRT/EPSV, FEAT and the newer command set, full paths, "ls -l" listings.
+    bool ftp_modern = false;
+    int passive_low = 50000;
+    int passive_high = 50100;
+    // Announced in the 227 reply to clients outside loopback and private networks; a host name
+    // is resolved when the settings are read.
+    std::string passive_address;
+    uint32_t passive_ipv4 = 0; // network order; 0 when none or not resolvable
+    // Directories changed on the host are rescanned when a session uses them.
+    bool live_tree = false;
+    // Values that could not be parsed, each for one log line (the key keeps its default).
+    std::vector<std::string> problems;
+};
+
+Extensions read_extensions(const IniFile& ini);
+
+// "LOW-HIGH" with 1 <= LOW <= HIGH <= 65535.
+bool parse_port_range(const std::string& text, int& low, int& high);
+
+} // namespace orv
