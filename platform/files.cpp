@@ -70,9 +70,11 @@ AtomicFileWriter::~AtomicFileWriter() {
 void AtomicFileWriter::abandon() {
     if (fd_ < 0)
         return;
+    int error = errno; // the reason of the failure, for the caller's message
     ::close(fd_);
     fd_ = -1;
     ::unlink(tmp_.c_str());
+    errno = error;
 }
 
 bool AtomicFileWriter::flush() {
@@ -107,12 +109,11 @@ bool AtomicFileWriter::commit() {
     int fd = fd_;
     fd_ = -1;
     bool synced = ::fsync(fd) == 0;
-    if (::close(fd) != 0 || !synced) {
+    int error = errno;
+    if (::close(fd) != 0 || !synced || ::rename(tmp_.c_str(), path_.c_str()) != 0) {
+        error = synced ? errno : error;
         ::unlink(tmp_.c_str());
-        return false;
-    }
-    if (::rename(tmp_.c_str(), path_.c_str()) != 0) {
-        ::unlink(tmp_.c_str());
+        errno = error;
         return false;
     }
     return true;
