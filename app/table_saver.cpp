@@ -24,32 +24,44 @@ TableSaver::~TableSaver() {
     stop();
 }
 
-std::array<std::optional<std::string>, TableSaver::kTables> TableSaver::render() const {
-    std::array<std::optional<std::string>, kTables> texts;
+TableSaver::Rendered TableSaver::render() const {
+    Rendered out;
     std::shared_lock lock(server_.tree_mutex);
     if (server_.accounts) {
-        texts[0] = server_.accounts->users_text();
-        texts[1] = server_.accounts->groups_text();
+        out.texts[0] = server_.accounts->users_text();
+        out.texts[1] = server_.accounts->groups_text();
     }
     if (server_.vfs) {
-        texts[2] = mounts_text(*server_.vfs);
+        out.texts[2] = mounts_text(*server_.vfs);
         if (server_.vfs->root)
-            texts[3] = fpl_text(*server_.vfs);
+            out.fpl_digest = fpl_digest(*server_.vfs);
     }
-    return texts;
+    return out;
+}
+
+std::optional<size_t> TableSaver::Rendered::digest(size_t table) const {
+    if (table == kFpl)
+        return fpl_digest;
+    if (!texts[table])
+        return std::nullopt;
+    return std::hash<std::string>{}(*texts[table]);
 }
 
 void TableSaver::remember_current() {
-    auto texts = render();
+    Rendered rendered = render();
     std::lock_guard lock(write_mutex_);
     for (size_t i = 0; i < kTables; ++i)
-        if (texts[i])
-            tables_[i].written = std::hash<std::string>{}(*texts[i]);
+        if (auto digest = rendered.digest(i))
+            tables_[i].written = digest;
 }
 
-bool TableSaver::write(Table& table, const std::string& text, bool log_every_failure) {
-    if (write_file_atomic(server_.table_path(table.name), text, table.mode)) {
-        table.written = std::hash<std::string>{}(text);
+bool TableSaver::write(size_t index, const Rendered& rendered, bool log_every_failure) {
+    Table& table = tables_[index];
+    bool ok = index == kFpl ? write_fpl(server_)
+                            : write_file_atomic(server_.table_path(table.name),
+                                                *rendered.texts[index], table.mode);
+    if (ok) {
+        table.written = rendered.digest(index);
         table.failing = false;
         return true;
     }
@@ -61,25 +73,24 @@ bool TableSaver::write(Table& table, const std::string& text, bool log_every_fai
 }
 
 bool TableSaver::save_changed() {
-    auto texts = render();
+    Rendered rendered = render();
     std::lock_guard lock(write_mutex_);
     bool ok = true;
     for (size_t i = 0; i < kTables; ++i) {
-        if (!texts[i])
+        std::optional<size_t> digest = rendered.digest(i);
+        if (!digest || tables_[i].written == digest)
             continue;
-        if (tables_[i].written == std::hash<std::string>{}(*texts[i]))
-            continue;
-        ok = write(tables_[i], *texts[i], false) && ok;
+        ok = write(i, rendered, false) && ok;
     }
     return ok;
 }
 
 void TableSaver::save_all() {
-    auto texts = render();
+    Rendered rendered = render();
     std::lock_guard lock(write_mutex_);
     for (size_t i = 0; i < kTables; ++i)
-        if (texts[i])
-            write(tables_[i], *texts[i], true);
+        if (rendered.digest(i))
+            write(i, rendered, true);
 }
 
 void TableSaver::start() {

@@ -45,13 +45,21 @@ class TableSaver {
     struct Table {
         const char* name;
         unsigned mode;
-        std::optional<size_t> written; // hash of the text on disk, when known
+        std::optional<size_t> written; // digest of the text on disk, when known
         bool failing = false;
     };
-    // The texts of the tables, taken together under the tree lock; none for a table that does
-    // not exist (no accounts or no tree yet).
-    std::array<std::optional<std::string>, kTables> render() const;
-    bool write(Table& table, const std::string& text, bool log_every_failure);
+    static constexpr size_t kFpl = 3; // written as a stream, never rendered whole
+    // The tables taken together under the tree lock: the texts of the three account and mount
+    // tables and a digest of fpl.txt; none for a table that does not exist (no accounts or no
+    // tree yet).
+    struct Rendered {
+        std::array<std::optional<std::string>, kFpl> texts;
+        std::optional<size_t> fpl_digest;
+        std::optional<size_t> digest(size_t table) const;
+    };
+    Rendered render() const;
+    // Writes one table (`text` is unused for fpl.txt, which is streamed from the tree).
+    bool write(size_t table, const Rendered& rendered, bool log_every_failure);
     void run();
 
     Server& server_;

@@ -1,6 +1,7 @@
 #include "core/extensions.hpp"
 
 #include "platform/ini.hpp"
+#include "platform/text.hpp"
 
 #include <arpa/inet.h>
 #include <charconv>
@@ -16,15 +17,12 @@ bool parse_int(std::string_view text, int& out) {
     return ec == std::errc() && end == text.data() + text.size();
 }
 
-// 0/1 keys: anything else is reported and leaves the default (off).
-bool read_switch(const IniFile& ini, const char* key, std::vector<std::string>& problems) {
-    std::string text = ini.get_string("Extensions", key, "");
-    if (text.empty() || text == "0")
-        return false;
-    if (text == "1")
-        return true;
-    problems.push_back(std::string("Extensions: ") + key + " has an unusable value");
-    return false;
+constexpr const char* kSection = "Extensions";
+
+void report(std::vector<std::string>& problems, const char* key, const std::string& text,
+            const char* wanted) {
+    problems.push_back(
+        strf("Settings: [Extensions] %s=%s %s, ignored", key, log_safe(text).c_str(), wanted));
 }
 
 uint32_t resolve_ipv4(const std::string& host) {
@@ -44,6 +42,26 @@ uint32_t resolve_ipv4(const std::string& host) {
 
 } // namespace
 
+void read_extension_number(const IniFile& ini, const char* key, int most, int& value,
+                           std::vector<std::string>& problems) {
+    std::string text = ini.get_string(kSection, key, "");
+    if (text.empty())
+        return;
+    int parsed = 0;
+    if (!parse_int(text, parsed) || parsed < 0 || parsed > most) {
+        report(problems, key, text, strf("is not a number from 0 to %i", most).c_str());
+        return;
+    }
+    value = parsed;
+}
+
+void read_extension_switch(const IniFile& ini, const char* key, bool& value,
+                           std::vector<std::string>& problems) {
+    int number = value ? 1 : 0;
+    read_extension_number(ini, key, 1, number, problems);
+    value = number == 1;
+}
+
 bool parse_port_range(const std::string& text, int& low, int& high) {
     size_t dash = text.find('-');
     if (dash == std::string::npos)
@@ -61,25 +79,25 @@ bool parse_port_range(const std::string& text, int& low, int& high) {
 
 Extensions read_extensions(const IniFile& ini) {
     Extensions e;
-    e.listen_address = ini.get_string("Extensions", "listen_address", "");
+    e.listen_address = ini.get_string(kSection, "listen_address", "");
     if (!e.listen_address.empty()) {
         in6_addr probe{};
         if (::inet_pton(AF_INET, e.listen_address.c_str(), &probe) != 1 &&
             ::inet_pton(AF_INET6, e.listen_address.c_str(), &probe) != 1) {
-            e.problems.push_back("Extensions: listen_address has an unusable value");
+            report(e.problems, "listen_address", e.listen_address, "is no IPv4 or IPv6 address");
             e.listen_address.clear();
         }
     }
-    e.ftp_modern = read_switch(ini, "ftp_modern", e.problems);
-    e.live_tree = read_switch(ini, "live_tree", e.problems);
-    std::string range = ini.get_string("Extensions", "passive_ports", "");
+    read_extension_switch(ini, "ftp_modern", e.ftp_modern, e.problems);
+    read_extension_switch(ini, "live_tree", e.live_tree, e.problems);
+    std::string range = ini.get_string(kSection, "passive_ports", "");
     if (!range.empty() && !parse_port_range(range, e.passive_low, e.passive_high))
-        e.problems.push_back("Extensions: passive_ports has an unusable value");
-    e.passive_address = ini.get_string("Extensions", "passive_address", "");
+        report(e.problems, "passive_ports", range, "is not a port range LOW-HIGH");
+    e.passive_address = ini.get_string(kSection, "passive_address", "");
     if (!e.passive_address.empty()) {
         e.passive_ipv4 = resolve_ipv4(e.passive_address);
         if (e.passive_ipv4 == 0)
-            e.problems.push_back("Extensions: passive_address cannot be resolved");
+            report(e.problems, "passive_address", e.passive_address, "cannot be resolved");
     }
     return e;
 }

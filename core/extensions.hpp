@@ -29,6 +29,13 @@ struct Extensions {
 
 Extensions read_extensions(const IniFile& ini);
 
+// The readers every [Extensions] key goes through. An absent key keeps `value`; a value that
+// cannot be used is described in `problems` (one log line each) and keeps it too.
+void read_extension_number(const IniFile& ini, const char* key, int most, int& value,
+                           std::vector<std::string>& problems);
+void read_extension_switch(const IniFile& ini, const char* key, bool& value,
+                           std::vector<std::string>& problems);
+
 // "LOW-HIGH" with 1 <= LOW <= HIGH <= 65535.
 bool parse_port_range(const std::string& text, int& low, int& high);
 

@@ -23,19 +23,6 @@ namespace {
 
 constexpr const char* kRestTooFar = "554 Restart position beyond the end of the file.\r\n";
 
-// The file to send: never through a symbolic link, never out of its base directory, and only
-// a regular file. -1 when there is nothing that may be sent.
-int open_to_send(const HostPath& host) {
-    int fd = host.empty() ? -1 : open_beneath(host.base, host.relative, O_RDONLY | O_NONBLOCK);
-    if (fd >= 0 && !is_regular_file(fd)) {
-        ::close(fd);
-        return -1;
-    }
-    if (fd >= 0)
-        ::fcntl(fd, F_SETFL, 0);
-    return fd;
-}
-
 // A restarted or appended upload writes into the file itself (the classic STOR stages a new
 // version instead): opened below its directory, created when missing, never through a link.
 int open_to_continue(const HostPath& dir, const std::string& name, long long rest, bool append) {
@@ -89,7 +76,7 @@ void modern_retr_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
             ctx->busy.acquire(node);
         }
     }
-    int file = reply ? -1 : open_to_send(host);
+    int file = reply ? -1 : open_for_sending(host);
     struct stat st {};
     if (!reply && (file < 0 || ::fstat(file, &st) != 0 || rest > st.st_size ||
                    (rest > 0 && ::lseek(file, rest, SEEK_SET) != rest))) {
@@ -146,12 +133,7 @@ void modern_stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
             reply = ftp_text::kNoSuchFile;
         } else {
             existing = find_child(*dir, name);
-            // A file that is being transferred is not changed under its reader.
-            bool allowed = can_write(user.get(), *dir) &&
-                           (existing ? !existing->is_dir() && can_write(user.get(), *existing) &&
-                                           existing->status.load() == kStatusNormal
-                                     : valid_new_name(name) && virtual_path_fits(*dir, name));
-            if (!allowed) {
+            if (!may_store(user.get(), *dir, existing, name)) {
                 reply = ftp_text::kPermissionsDenied;
             } else {
                 host_dir = node_host_path(*server.vfs, *dir);

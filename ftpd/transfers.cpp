@@ -60,11 +60,6 @@ const char* transfer_reply(MoveEnd end, bool upload) {
     return ftp_text::kConnectionAborted;
 }
 
-namespace {
-
-// Opens the file to send: never through a symbolic link, never out of its base directory, and
-// only a regular file (a FIFO would hold the thread; it is opened without waiting for a
-// writer and then refused). -1 when there is nothing that may be sent.
 int open_for_sending(const HostPath& host) {
     if (host.empty())
         return -1;
@@ -77,6 +72,16 @@ int open_for_sending(const HostPath& host) {
         ::fcntl(fd, F_SETFL, 0);
     return fd;
 }
+
+bool may_store(const User* user, const VfsNode& dir, const NodePtr& existing,
+               std::string_view name) {
+    return can_write(user, dir) &&
+           (existing ? can_write(user, *existing) && !existing->is_dir() &&
+                           existing->status.load() == kStatusNormal
+                     : valid_new_name(name) && virtual_path_fits(dir, name));
+}
+
+namespace {
 
 long long file_size(int fd) {
     struct stat st {};
@@ -179,13 +184,7 @@ void stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& jo
             reply = ftp_text::kNoSuchFile;
         } else {
             existing = find_child(*cwd, name);
-            // A new name must be one plain component; a file that is being transferred is
-            // not overwritten under its reader, and a directory never.
-            bool allowed = can_write(user.get(), *cwd) &&
-                           (existing ? can_write(user.get(), *existing) && !existing->is_dir() &&
-                                           existing->status.load() == kStatusNormal
-                                     : valid_new_name(name) && virtual_path_fits(*cwd, name));
-            if (!allowed) {
+            if (!may_store(user.get(), *cwd, existing, name)) {
                 reply = ftp_text::kPermissionsDenied;
             } else {
                 dir = node_host_path(*server.vfs, *cwd);

@@ -3,9 +3,11 @@
 // mover and log its rate.
 #include "ftpd/ftp_context.hpp"
 #include "platform/byte_mover.hpp"
+#include "vfs/tree.hpp"
 
 #include <chrono>
 #include <string>
+#include <string_view>
 
 namespace orv {
 
@@ -13,6 +15,16 @@ class Server;
 
 void retr_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& job);
 void stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& job);
+
+// Opens the file to send: never through a symbolic link, never out of its base directory, and
+// only a regular file (a FIFO would hold the thread; it is opened without waiting for a
+// writer and then refused). Blocking once open; -1 when there is nothing that may be sent.
+int open_for_sending(const HostPath& host);
+// Whether `user` may store `name` in `dir`, where `existing` is what has that name now: a new
+// name must be one plain component within the path limit; a file that is being transferred is
+// not overwritten under its reader, and a directory never. Tree lock held.
+bool may_store(const User* user, const VfsNode& dir, const NodePtr& existing,
+               std::string_view name);
 
 // The elapsed time the rate is computed from. Times are taken to the millisecond; a transfer
 // that took less than that is counted as one millisecond.

@@ -114,6 +114,11 @@ void ghost_thread(Server& server, const SlotPtr& slot) {
             break;
     }
     uint8_t state = slot->state;
+    // In the outgoing client's login dialogue its connection is open just as at its connected
+    // prompt, and goes the same way.
+    if (state >= kStateOftpLoginFirst && state <= kStateOftpLoginLast &&
+        slot->state.compare_exchange_strong(state, kStateOftpConnected))
+        state = kStateOftpConnected;
     if (in_table(server, slot) && (state == kStateOftpConnected || state == kStateRelay))
         client::ghost_logoff(server, slot);
     // The ghost's own slot goes, not merely the first ghost in the table (every ghost's socket

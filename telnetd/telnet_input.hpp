@@ -23,7 +23,9 @@ enum SessionState : uint8_t {
     kStateLoginName = 1,
     kStatePassword = 2,
     kStateShell = 3,
+    kStateOftpLoginFirst = 5, // 5 to 7: the outgoing client's login dialogue
     kStateOftpPassword = 6,
+    kStateOftpLoginLast = 7,
     kStateOftpIdle = 8,
     kStateOftpConnected = 9,
     kStateCommand = 10,

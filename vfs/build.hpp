@@ -2,6 +2,7 @@
 // Building the tree from the disk at start-up, the mounts, and the permission list.
 #include "vfs/node.hpp"
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -36,6 +37,9 @@ std::string normalize_mount_point(std::string_view mount_point);
 // The permission list, written in pre-order from the root.
 bool write_fpl(const Server& server); // false when there is no tree or the write failed
 std::string fpl_text(const VfsTree& tree);
+// A digest of the list's text, taken line by line (the text is never held whole), so that a
+// writer can tell whether the list changed since it last wrote it.
+uint64_t fpl_digest(const VfsTree& tree);
 // Applies fpl.txt. Afterwards every node that no line named takes its parent's owner,
 // creator, group and flags.
 void verify_files(Server& server);

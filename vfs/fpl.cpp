@@ -189,6 +189,17 @@ std::string fpl_text(const VfsTree& tree) {
     return out;
 }
 
+uint64_t fpl_digest(const VfsTree& tree) {
+    uint64_t digest = 1469598103934665603ull; // FNV-1a
+    for_each_fpl_line(tree, [&](std::string_view line) {
+        for (unsigned char c : line) {
+            digest ^= c;
+            digest *= 1099511628211ull;
+        }
+    });
+    return digest;
+}
+
 bool write_fpl(const Server& server) {
     // Written while the tree is walked: the lock is shared, so sessions keep reading; only
     // changes to the tree wait for the local file write.

@@ -19,16 +19,11 @@ AUTH_LINE = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ Login failure from (\S
 
 
 class GuardServer(Server):
-    """A server whose settings.ini has these [Extensions] lines."""
+    """A server whose settings.ini has these [Extensions] lines ("key=value" each)."""
 
     def __init__(self, extensions, **kw):
-        self.extensions = extensions
-        super().__init__(**kw)
-
-    def new_ports(self):
-        super().new_ports()
-        with open(os.path.join(self.dir, "settings.ini"), "a") as f:
-            f.write("[Extensions]\n" + self.extensions)
+        keys = dict(line.split("=", 1) for line in extensions.splitlines() if line)
+        super().__init__(extensions=keys, **kw)
 
 
 def ftp_guess(port, password, source="127.0.0.1", user="demo"):
