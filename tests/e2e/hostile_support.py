@@ -349,6 +349,36 @@ class Conn:
         self.sock.close()
 
 
+class ClientTestCase(unittest.TestCase):
+    """Real clients against one server for the whole class: make_server() builds it, and each
+    test has a work folder for the client's local files."""
+
+    @classmethod
+    def make_server(cls):
+        raise NotImplementedError
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server = cls.make_server()
+        cls.work = tempfile.TemporaryDirectory(prefix="orvane-clients-")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.close()
+        cls.work.cleanup()
+
+    def local(self, name, data=None):
+        path = os.path.join(self.work.name, name)
+        if data is not None:
+            with open(path, "wb") as f:
+                f.write(data)
+        return path
+
+    def home(self, *parts):
+        with open(os.path.join(self.server.home, *parts), "rb") as f:
+            return f.read()
+
+
 def shell(server, user="demo", password="demo-pass"):
     """A logged-in Telnet session at its first prompt."""
     t = Conn(server.telnet_port)

@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from hostile_support import GOODBYE, GREETING, WAIT, Server, long_line, main
+from hostile_support import GOODBYE, GREETING, WAIT, ClientTestCase, Server, long_line, main
 
 HELLO = b"Hello\r\n"
 
@@ -29,28 +29,11 @@ def listed(*args):
     return long_line(*args).decode().rstrip("\r\n")
 
 
-class RealClients(unittest.TestCase):
+class RealClients(ClientTestCase):
     @classmethod
-    def setUpClass(cls):
-        cls.server = Server(files={"pub/hello.txt": HELLO, "pub/docs/readme.txt": b"read me\n"},
-                            motd="Welcome to the test server.\n")
-        cls.work = tempfile.TemporaryDirectory(prefix="orvane-clients-")
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.close()
-        cls.work.cleanup()
-
-    def local(self, name, data=None):
-        path = os.path.join(self.work.name, name)
-        if data is not None:
-            with open(path, "wb") as f:
-                f.write(data)
-        return path
-
-    def home(self, *parts):
-        with open(os.path.join(self.server.home, *parts), "rb") as f:
-            return f.read()
+    def make_server(cls):
+        return Server(files={"pub/hello.txt": HELLO, "pub/docs/readme.txt": b"read me\n"},
+                      motd="Welcome to the test server.\n")
 
     def test_ftplib_session_with_a_100_mib_round_trip(self):
         ftp = connect(self.server, None)
