@@ -32,6 +32,20 @@ bool is_password_line(std::string_view line) {
     return line.size() == 4 || static_cast<unsigned char>(line[4]) <= ' ';
 }
 
+} // namespace
+
+void log_command_line(Server& server, const ConnSlot& slot, const std::string& line) {
+    int socket = slot.socket;
+    // A password never reaches the log, whatever the session's state: PASS before USER, or a
+    // second PASS, carries one too.
+    if (slot.state == 2 || is_password_line(line))
+        server.log.logf("(%i) <password>", socket);
+    else
+        server.log.logf("(%i) %s", socket, log_safe(line).c_str());
+}
+
+namespace {
+
 void close_after(FtpContext& ctx, const SlotPtr& slot) {
     int socket = slot->socket;
     close_session(ctx, slot);
@@ -110,12 +124,7 @@ void on_control_read(const FtpContextPtr& ctx, const SlotPtr& slot, const char* 
     std::string line = take_command_line(buffer);
     int socket = slot->socket;
     if (!line.empty()) {
-        // A password never reaches the log, whatever the session's state: PASS before USER,
-        // or a second PASS, carries one too.
-        if (slot->state == 2 || is_password_line(line))
-            server.log.logf("(%i) <password>", socket);
-        else
-            server.log.logf("(%i) %s", socket, log_safe(line).c_str());
+        log_command_line(server, *slot, line);
         ftp_dispatch(ctx, slot, std::move(line));
     } else if (slot->state != 3) {
         server.log.logf("(%i) <nothing>", socket);

@@ -15,6 +15,9 @@ constexpr size_t kCommandBufferLimit = 240;
 // carriage return or line feed; the buffer then loses the line and the two characters after
 // it. Without "\r\n" the buffer stays and the line is empty.
 std::string take_command_line(std::string& buffer);
+// Logs a command line as it arrives: "(%i) <password>" for a password in any state, else the
+// line with its control bytes escaped.
+void log_command_line(Server& server, const ConnSlot& slot, const std::string& line);
 
 // Makes the session for an accepted socket, greets it and starts reading its commands.
 void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number);

@@ -68,15 +68,6 @@ std::string verb_of(std::string_view line) {
     return to_upper_ascii(line.substr(0, line.find(' ')));
 }
 
-void log_line(Server& server, const ConnSlot& slot, const std::string& line) {
-    int socket = slot.socket;
-    // A password never reaches the log, whatever state the session is in.
-    if (slot.state == 2 || verb_of(line) == "PASS")
-        server.log.logf("(%i) <password>", socket);
-    else
-        server.log.logf("(%i) %s", socket, log_safe(line).c_str());
-}
-
 // ABOR while a command runs: the transfer sees the stop flag and ends with 426 and 226.
 void abort_if_asked(Server& server, ConnSlot& slot) {
     std::string& buffer = slot.line_buf;
@@ -91,7 +82,7 @@ void abort_if_asked(Server& server, ConnSlot& slot) {
     if (verb_of(trim_blanks(line)) != "ABOR")
         return;
     buffer.erase(0, lf + 1);
-    log_line(server, slot, line);
+    log_command_line(server, slot, line);
     slot.ftp_extras->abort = true;
     slot.stop = 1;
 }
@@ -210,7 +201,7 @@ void take_waiting_lines(const FtpContextPtr& ctx, const SlotPtr& slot) {
                 continue;
             server.log.logf("(%i) <nothing>", slot->socket.load());
         } else {
-            log_line(server, *slot, line);
+            log_command_line(server, *slot, line);
         }
         ftp_dispatch(ctx, slot, line);
     }
