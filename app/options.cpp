@@ -4,7 +4,7 @@ namespace orv {
 
 std::string usage_text() {
     return "usage: orvane-server [--headless] [-C DIR]\n"
-           "       orvane-server --encode-password NAME PASSWORD\n"
+           "       orvane-server [-C DIR] --encode-password NAME PASSWORD\n"
            "       orvane-server [-C DIR] admin COMMAND...   (admin help: the commands)\n"
            "       orvane-server --help | --version\n"
            "\n"
