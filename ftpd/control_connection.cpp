@@ -44,8 +44,6 @@ void log_command_line(Server& server, const ConnSlot& slot, const std::string& l
         server.log.logf("(%i) %s", socket, log_safe(line).c_str());
 }
 
-namespace {
-
 void close_after(FtpContext& ctx, const SlotPtr& slot) {
     int socket = slot->socket;
     close_session(ctx, slot);
@@ -55,8 +53,6 @@ void close_after(FtpContext& ctx, const SlotPtr& slot) {
     // thread until the data connection times out; an upload still takes what has arrived.
     slot->stop = 1;
 }
-
-} // namespace
 
 void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number) {
     Server& server = ctx->server;

@@ -18,6 +18,9 @@ std::string take_command_line(std::string& buffer);
 // Logs a command line as it arrives: "(%i) <password>" for a password in any state, else the
 // line with its control bytes escaped.
 void log_command_line(Server& server, const ConnSlot& slot, const std::string& line);
+// Ends a session from the server's side: "FTP Close port %i", the socket closed, and whatever
+// runs for it told to stop.
+void close_after(FtpContext& ctx, const SlotPtr& slot);
 
 // Makes the session for an accepted socket, greets it and starts reading its commands.
 void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number);

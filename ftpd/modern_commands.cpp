@@ -37,14 +37,6 @@ std::string no_such(const std::string& path) {
     return strf("550 %s: No such file or directory.\r\n", log_safe(path).c_str());
 }
 
-void close_connection(FtpContext& ctx, const SlotPtr& slot) {
-    int socket = slot->socket;
-    close_session(ctx, slot);
-    ctx.server.log.logf("FTP Close port %i", socket);
-    slot->close_control();
-    slot->stop = 1;
-}
-
 // The next line: up to a line feed, without the carriage return before it. Telnet's interrupt
 // and synch bytes, which some clients put before ABOR, are dropped.
 bool take_line(std::string& buffer, std::string& line) {
@@ -178,7 +170,7 @@ void modern_control_read(const FtpContextPtr& ctx, const SlotPtr& slot, const ch
     std::string& buffer = slot->line_buf;
     if (buffer.size() + size > kWaitingLimit) {
         slot->send_text(ftp_text::kOverflow);
-        close_connection(*ctx, slot);
+        close_after(*ctx, slot);
         return;
     }
     buffer.append(data, strnlen(data, size));
@@ -209,7 +201,7 @@ void take_waiting_lines(const FtpContextPtr& ctx, const SlotPtr& slot) {
     if (slot->control_open() && buffer.find('\n') == std::string::npos &&
         buffer.size() >= kModernLineLimit) {
         slot->send_text(ftp_text::kOverflow);
-        close_connection(*ctx, slot);
+        close_after(*ctx, slot);
     }
 }
 
