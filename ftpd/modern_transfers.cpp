@@ -129,18 +129,7 @@ void modern_stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
         NewEntry target = resolve_new_entry(server, user.get(), slot->cwd(), job.arg);
         dir = target.dir;
         name = target.name;
-        if (!dir) {
-            reply = ftp_text::kNoSuchFile;
-        } else {
-            existing = find_child(*dir, name);
-            if (!may_store(user.get(), *dir, existing, name)) {
-                reply = ftp_text::kPermissionsDenied;
-            } else {
-                host_dir = node_host_path(*server.vfs, *dir);
-                if (existing)
-                    ctx->busy.acquire(existing);
-            }
-        }
+        reply = claim_upload_target(*ctx, user.get(), dir, name, existing, host_dir);
     }
     if (reply) {
         finish_command(*slot, reply);

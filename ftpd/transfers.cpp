@@ -73,14 +73,22 @@ int open_for_sending(const HostPath& host) {
     return fd;
 }
 
-bool may_store(const User* user, const VfsNode& dir, const NodePtr& existing,
-               std::string_view name) {
-    return can_write(user, dir) &&
-           (existing ? can_write(user, *existing) && !existing->is_dir() &&
-                           existing->status.load() == kStatusNormal
-                     : valid_new_name(name) && virtual_path_fits(dir, name));
+const char* claim_upload_target(FtpContext& ctx, const User* user, const NodePtr& dir,
+                                const std::string& name, NodePtr& existing, HostPath& host_dir) {
+    if (!dir || !ctx.server.vfs)
+        return ftp_text::kNoSuchFile;
+    existing = find_child(*dir, name);
+    bool allowed =
+        can_write(user, *dir) && (existing ? can_write(user, *existing) && !existing->is_dir() &&
+                                                 existing->status.load() == kStatusNormal
+                                           : valid_new_name(name) && virtual_path_fits(*dir, name));
+    if (!allowed)
+        return ftp_text::kPermissionsDenied;
+    host_dir = node_host_path(*ctx.server.vfs, *dir);
+    if (existing)
+        ctx.busy.acquire(existing);
+    return nullptr;
 }
-
 namespace {
 
 long long file_size(int fd) {
@@ -180,18 +188,7 @@ void stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& jo
     {
         std::shared_lock lock(server.tree_mutex);
         cwd = slot->cwd();
-        if (!cwd || !server.vfs) {
-            reply = ftp_text::kNoSuchFile;
-        } else {
-            existing = find_child(*cwd, name);
-            if (!may_store(user.get(), *cwd, existing, name)) {
-                reply = ftp_text::kPermissionsDenied;
-            } else {
-                dir = node_host_path(*server.vfs, *cwd);
-                if (existing)
-                    ctx->busy.acquire(existing);
-            }
-        }
+        reply = claim_upload_target(*ctx, user.get(), cwd, name, existing, dir);
     }
     if (reply) {
         finish_command(*slot, reply);

@@ -20,11 +20,12 @@ void stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const FtpJob& jo
 // only a regular file (a FIFO would hold the thread; it is opened without waiting for a
 // writer and then refused). Blocking once open; -1 when there is nothing that may be sent.
 int open_for_sending(const HostPath& host);
-// Whether `user` may store `name` in `dir`, where `existing` is what has that name now: a new
-// name must be one plain component within the path limit; a file that is being transferred is
-// not overwritten under its reader, and a directory never. Tree lock held.
-bool may_store(const User* user, const VfsNode& dir, const NodePtr& existing,
-               std::string_view name);
+// The target of an upload, checked with the tree lock held: `user` may store `name` in `dir`
+// (a new name one plain component within the path limit; a file being transferred is not
+// overwritten under its reader, a directory never). On success the file it replaces, if any,
+// is marked busy and `existing` and `host_dir` are set; otherwise the refusal is returned.
+const char* claim_upload_target(FtpContext& ctx, const User* user, const NodePtr& dir,
+                                const std::string& name, NodePtr& existing, HostPath& host_dir);
 
 // The elapsed time the rate is computed from. Times are taken to the millisecond; a transfer
 // that took less than that is counted as one millisecond.
