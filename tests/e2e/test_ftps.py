@@ -4,6 +4,7 @@ or after the handshake."""
 
 import ftplib
 import io
+import json
 import os
 import random
 import socket
@@ -338,6 +339,34 @@ class Hostile(unittest.TestCase):
         self.assertTrue(t.recv(100).startswith(b"200"))
         self.assertTrue(os.path.exists(os.path.join(self.server.home, "pub", "hello.txt")))
         t.close()
+
+
+@unittest.skipUnless(os.path.exists("/usr/bin/testssl"), "testssl.sh is not installed")
+class Scan(unittest.TestCase):
+    """testssl.sh against the explicit port: protocols, cipher categories, forward secrecy and
+    the known vulnerabilities (about a minute)."""
+
+    def test_no_old_protocol_weak_cipher_or_known_vulnerability(self):
+        server = ftps_server()
+        try:
+            report = os.path.join(server.dir, "testssl.json")
+            out = subprocess.run(["/usr/bin/testssl", "--starttls", "ftp", "-p", "-s", "-f", "-U",
+                                  "--warnings", "off", "--quiet", "--color", "0", "--jsonfile",
+                                  report, "127.0.0.1:%d" % server.ftp_port],
+                                 capture_output=True, timeout=600)
+            with open(report) as f:
+                findings = json.load(f)
+            self.assertTrue(findings, out.stdout[-2000:])
+            bad = [x for x in findings
+                   if x.get("severity") in ("LOW", "MEDIUM", "HIGH", "CRITICAL")]
+            self.assertEqual(bad, [])
+            offered = {x["id"]: x["finding"] for x in findings}
+            for old in ("SSLv2", "SSLv3", "TLS1", "TLS1_1"):
+                self.assertIn("not offered", offered[old], old)
+            self.assertIn("offered", offered["TLS1_2"])
+            self.assertIn("offered", offered["TLS1_3"])
+        finally:
+            server.close()
 
 
 if __name__ == "__main__":
