@@ -14,6 +14,7 @@
 #include "client/outgoing.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
+#include "platform/name_lookup.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
 #include "vfs/tree.hpp"
@@ -29,7 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 // Sends from the event thread give up sooner than a command thread's would.
 constexpr int kEventSendTimeoutMs = 10000;
-constexpr int kConnectTimeoutMs = 20000;
 constexpr auto kWatchdogPeriod = std::chrono::seconds(2);
 
 std::string user_name(const ConnSlot& slot) {
@@ -268,7 +268,7 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
     bool known = dotted_address(host, addr);
     if (!known) {
         slot->send_text(strf("Looking up (%s)...\r\n", host.c_str()));
-        known = resolve_ipv4(host, addr);
+        known = resolve_ipv4(host, addr, kLookupTimeoutMs, &slot->stop);
         if (known) {
             host = ipv4_text(addr);
             slot->send_text(strf("Connecting to %s ...\r\n", host.c_str()));
@@ -296,8 +296,8 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
         give_up("(-1) set socket opt failed");
     } else {
         set_state(*session, *slot, kGreeting);
-        int error =
-            known && port > 0 ? connect_ipv4(fd, addr, port, kConnectTimeoutMs) : ECONNREFUSED;
+        int error = known && port > 0 ? connect_ipv4(fd, addr, port, kConnectTimeoutMs, &slot->stop)
+                                      : ECONNREFUSED;
         if (error != 0) {
             close_fd(fd);
             slot->out_socket = -1;

@@ -1,14 +1,17 @@
 // The FTP client and the relay inside a running server, driven through a Telnet session:
 // replies that arrive in awkward pieces, silent servers, the tree after a get, users who go
-// away mid-command, and traffic in both directions at once.
+// away mid-command, traffic in both directions at once, and a server stopped under stuck
+// connects and look-ups.
 #include "client/fake_ftp_peer.hpp"
 #include "client/ftp_replies.hpp"
 #include "client/session.hpp"
 #include "core/server.hpp"
+#include "platform/name_lookup.hpp"
 #include "support/test_server.hpp"
 #include "telnetd/shell_client.hpp"
 
 #include <arpa/inet.h>
+#include <array>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -502,4 +505,63 @@ TEST(ClientConcurrency, ShutdownDuringATransferEndsIt) {
     c->server().stop();
     EXPECT_TRUE(peer.wait_closed(10s));
     EXPECT_EQ(c->server().server().workers.running(), 0);
+}
+
+// A loopback port whose connects never complete: its listener accepts nothing and its queue is
+// full, so further connection requests are dropped and the connecting side waits.
+class UnansweredPort {
+  public:
+    UnansweredPort() {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof sa;
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&sa), len);
+        ::listen(listener_, 0);
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&sa), &len);
+        port_ = ntohs(sa.sin_port);
+        for (int& fd : fillers_) {
+            fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            ::connect(fd, reinterpret_cast<sockaddr*>(&sa), len);
+        }
+        std::this_thread::sleep_for(200ms);
+    }
+    ~UnansweredPort() {
+        for (int fd : fillers_)
+            ::close(fd);
+        ::close(listener_);
+    }
+    int port() const { return port_; }
+
+  private:
+    int listener_ = -1;
+    int port_ = 0;
+    std::array<int, 3> fillers_{};
+};
+
+TEST(ClientConcurrency, ShutdownEndsAHangingConnectAndALookupThatNeverAnswers) {
+    // The resolver answers only when the test lets it, long after the server has gone.
+    auto gate = std::make_shared<std::mutex>();
+    gate->lock();
+    orv::set_name_resolver([gate](const std::string&, uint32_t& addr) {
+        std::lock_guard wait(*gate);
+        addr = htonl(INADDR_LOOPBACK);
+        return true;
+    });
+    UnansweredPort unanswered;
+    {
+        auto c = std::make_unique<ClientSession>();
+        ShellClient second(c->server().telnet_port());
+        second.login("demo", "demo-pass");
+        c->line("ftp 127.0.0.1 " + std::to_string(unanswered.port()), "...\r\n");
+        second.send("telnet never.example\r\n");
+        second.read_until("Looking up (never.example)...\r\n");
+        EXPECT_EQ(c->server().server().workers.running(), 2);
+        c->server().stop();
+        // Both commands gave up on the stop flag; nothing runs on after the server.
+        EXPECT_EQ(c->server().server().workers.running(), 0);
+    }
+    gate->unlock();
+    orv::set_name_resolver(nullptr);
 }
