@@ -70,7 +70,8 @@ uint8_t classify_reply(uint8_t state, int code, std::string_view piece) {
     }
 }
 
-LoginStep login_step(uint8_t state, int code, bool crlf) {
+LoginStep login_step(uint8_t state, int code, std::string_view piece) {
+    bool crlf = ends_crlf(piece);
     LoginStep step;
     switch (state) {
     case kGreeting:
@@ -91,7 +92,6 @@ LoginStep login_step(uint8_t state, int code, bool crlf) {
         } else if (code == 230) {
             step.state = kBusy;
             step.logged_in = true;
-            step.start_ascii = crlf;
         } else if (code == 332) {
             step.state = kAccountAsked;
             step.ask = Ask::Account;
@@ -109,7 +109,6 @@ LoginStep login_step(uint8_t state, int code, bool crlf) {
         if (code == 230) {
             step.state = kBusy;
             step.logged_in = true;
-            step.start_ascii = true;
         } else if (code == 332) {
             step.state = kAccountAsked;
             step.ask = Ask::Account;
@@ -124,7 +123,6 @@ LoginStep login_step(uint8_t state, int code, bool crlf) {
         if (code == 230 || code == 502) {
             step.state = kBusy;
             step.logged_in = true;
-            step.start_ascii = true;
         } else if (one_of(code, {202, 421, 500, 501, 503, 530})) {
             step.state = kIdle;
             step.prompt = true;
@@ -133,6 +131,9 @@ LoginStep login_step(uint8_t state, int code, bool crlf) {
     default:
         break;
     }
+    // The ASCII thread starts once the whole login reply is in; a reply cut short of its last
+    // line starts it when the rest arrives.
+    step.start_ascii = step.logged_in && completes_reply(piece, code);
     return step;
 }
 

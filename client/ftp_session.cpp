@@ -89,7 +89,7 @@ void log_unhandled(Server& server, std::string_view piece, uint8_t state) {
 
 void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session, uint8_t state,
                  int code, std::string_view piece) {
-    LoginStep step = login_step(state, code, ends_crlf(piece));
+    LoginStep step = login_step(state, code, piece);
     if (step.cr_first)
         slot->send_text("\r");
     slot->send_text(piece);
@@ -114,12 +114,10 @@ void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session,
         post_pending_line(server, slot);
     if (step.prompt)
         send_oftp_prompt(server, slot);
-    if (step.logged_in) {
-        if (completes_reply(piece, code))
-            spawn_job(server, slot, session, "ASCII", ascii_thread, {});
-        else
-            session->ascii_after = code; // the rest of the reply starts it (state 11)
-    }
+    if (step.start_ascii)
+        spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+    else if (step.logged_in)
+        session->ascii_after = code; // the rest of the reply starts it (state 11)
 }
 
 // A waiting thread's reply: the state it leads to. Under the session lock, so that it cannot
