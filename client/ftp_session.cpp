@@ -6,12 +6,12 @@
 
 #include "accounts/user.hpp"
 #include "client/ftp_commands.hpp"
-#include "client/ftp_job.hpp"
 #include "client/ftp_replies.hpp"
 #include "client/ftp_threads.hpp"
 #include "client/host_lookup.hpp"
 #include "client/local_files.hpp"
 #include "client/outgoing.hpp"
+#include "client/remote_job.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
 #include "platform/name_lookup.hpp"
@@ -115,7 +115,7 @@ void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session,
     if (step.prompt)
         send_oftp_prompt(server, slot);
     if (step.start_ascii)
-        spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+        spawn_job(server, slot, session, "ASCII", remote_ascii_thread, {});
     else if (step.logged_in)
         session->ascii_after = code; // the rest of the reply starts it (state 11)
 }
@@ -158,7 +158,7 @@ void handle_reply(Server& server, const SlotPtr& slot, const SessionPtr& session
         if (state == kBusy && session->ascii_after != 0 &&
             completes_reply(piece, session->ascii_after)) {
             session->ascii_after = 0;
-            spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+            spawn_job(server, slot, session, "ASCII", remote_ascii_thread, {});
         }
         return;
     }
@@ -385,7 +385,7 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         reply_and_prompt(server, slot, "?Invalid command\r\n");
         return;
     }
-    auto job = [&](const char* name, void (*body)(FtpJob&, std::string)) {
+    auto job = [&](const char* name, void (*body)(RemoteJob&, std::string)) {
         if (connected)
             spawn_job(server, slot, session, name, body, arg);
         else
@@ -417,38 +417,38 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         ftp_quit(server, slot, session);
         break;
     case Cmd::Dir:
-        job("DIR", dir_thread);
+        job("DIR", remote_dir_thread);
         break;
     case Cmd::Cd:
-        job("CD", cd_thread);
+        job("CD", remote_cd_thread);
         break;
     case Cmd::Lcd:
         slot->send_text(change_local_dir(server, *slot, arg));
         send_oftp_prompt(server, slot);
         break;
     case Cmd::Pwd:
-        job("PWD", pwd_thread);
+        job("PWD", remote_pwd_thread);
         break;
     case Cmd::Mkdir:
-        job("MKD", mkd_thread);
+        job("MKD", remote_mkd_thread);
         break;
     case Cmd::Rmdir:
-        job("RMD", rmd_thread);
+        job("RMD", remote_rmd_thread);
         break;
     case Cmd::Delete:
-        job("DELE", dele_thread);
+        job("DELE", remote_dele_thread);
         break;
     case Cmd::Get:
-        job("GET", get_thread);
+        job("GET", remote_get_thread);
         break;
     case Cmd::Put:
-        job("PUT", put_thread);
+        job("PUT", remote_put_thread);
         break;
     case Cmd::Ascii:
-        job("ASCII", ascii_thread);
+        job("ASCII", remote_ascii_thread);
         break;
     case Cmd::Bin:
-        job("BIN", bin_thread);
+        job("BIN", remote_bin_thread);
         break;
     case Cmd::Quote:
         reply_and_prompt(server, slot,
@@ -459,7 +459,7 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         hash_command(server, slot, arg);
         break;
     case Cmd::Ls:
-        job("LS", ls_thread);
+        job("LS", remote_ls_thread);
         break;
     case Cmd::User:
         if (connected)
@@ -469,7 +469,7 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         break;
     case Cmd::Help:
     case Cmd::Question:
-        spawn_job(server, slot, session, "HELP", help_thread, {});
+        spawn_job(server, slot, session, "HELP", remote_help_thread, {});
         break;
     case Cmd::Ldir:
         connected_only([&] {
@@ -486,17 +486,17 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         connected_only([&] { prompt_toggle(server, slot); });
         break;
     case Cmd::Mget:
-        connected_only([&] { spawn_job(server, slot, session, "MGET", mget_thread, arg); });
+        connected_only([&] { spawn_job(server, slot, session, "MGET", remote_mget_thread, arg); });
         break;
     case Cmd::Mput:
-        connected_only([&] { spawn_job(server, slot, session, "MPUT", mput_thread, arg); });
+        connected_only([&] { spawn_job(server, slot, session, "MPUT", remote_mput_thread, arg); });
         break;
     case Cmd::Ftp:
         connected_only(
             [&] { reply_and_prompt(server, slot, "Already connected close first\r\n"); });
         break;
     case Cmd::More:
-        connected_only([&] { spawn_job(server, slot, session, "MORE", more_thread, arg); });
+        connected_only([&] { spawn_job(server, slot, session, "MORE", remote_more_thread, arg); });
         break;
     }
 }

@@ -1,4 +1,4 @@
-#include "client/ftp_job.hpp"
+#include "client/remote_job.hpp"
 
 #include "client/ftp_replies.hpp"
 #include "client/progress.hpp"
@@ -26,33 +26,33 @@ constexpr size_t kDataBlock = 64 * 1024;
 
 } // namespace
 
-FtpJob::FtpJob(Server& s, SlotPtr sl, SessionPtr se)
+RemoteJob::RemoteJob(Server& s, SlotPtr sl, SessionPtr se)
     : server(s), slot(std::move(sl)), session(std::move(se)), link([this] {
           std::lock_guard lock(session->mutex);
           return session->link;
       }()) {}
 
-int FtpJob::user_socket() const {
+int RemoteJob::user_socket() const {
     return slot->socket.load();
 }
 
-std::shared_ptr<User> FtpJob::user() const {
+std::shared_ptr<User> RemoteJob::user() const {
     return slot->checked_user();
 }
 
-int FtpJob::reply_timeout_ms() const {
+int RemoteJob::reply_timeout_ms() const {
     std::lock_guard lock(session->mutex);
     return session->reply_timeout_ms;
 }
 
-bool FtpJob::alive() const {
+bool RemoteJob::alive() const {
     if (server.stopping.load())
         return false;
     std::lock_guard lock(session->mutex);
     return session->link == link && (!link || link->is_open());
 }
 
-void FtpJob::set(uint8_t state) {
+void RemoteJob::set(uint8_t state) {
     {
         std::lock_guard lock(session->mutex);
         if (session->link != link || (link && !link->is_open()))
@@ -62,7 +62,7 @@ void FtpJob::set(uint8_t state) {
     session->state_changed.notify_all();
 }
 
-void FtpJob::enter_transfer() {
+void RemoteJob::enter_transfer() {
     {
         std::lock_guard lock(session->mutex);
         if (session->link != link || (link && !link->is_open()))
@@ -79,7 +79,7 @@ void FtpJob::enter_transfer() {
     session->state_changed.notify_all();
 }
 
-bool FtpJob::command(std::string_view text, uint8_t state) {
+bool RemoteJob::command(std::string_view text, uint8_t state) {
     if (!link)
         return false;
     {
@@ -93,7 +93,7 @@ bool FtpJob::command(std::string_view text, uint8_t state) {
     return link->send_all(text);
 }
 
-uint8_t FtpJob::wait_while(uint8_t state) {
+uint8_t RemoteJob::wait_while(uint8_t state) {
     auto deadline = Clock::now() + std::chrono::milliseconds(reply_timeout_ms());
     std::unique_lock lock(session->mutex);
     for (;;) {
@@ -111,21 +111,21 @@ uint8_t FtpJob::wait_while(uint8_t state) {
     }
 }
 
-bool FtpJob::refused() const {
+bool RemoteJob::refused() const {
     std::lock_guard lock(session->mutex);
     return session->last_code >= 400;
 }
 
-void FtpJob::say(std::string_view text) const {
+void RemoteJob::say(std::string_view text) const {
     if (!text.empty())
         slot->send_text(text);
 }
 
-void FtpJob::log(std::string_view text) const {
+void RemoteJob::log(std::string_view text) const {
     server.log_message(text);
 }
 
-void FtpJob::finish(const std::string& log_line) const {
+void RemoteJob::finish(const std::string& log_line) const {
     log(log_line);
     // Under the session lock, so that a close of the connection either happens before (and
     // the user is at the shell prompt already) or after the client prompt.
@@ -134,11 +134,11 @@ void FtpJob::finish(const std::string& log_line) const {
         send_oftp_prompt(server, slot);
 }
 
-void FtpJob::finish(const char* name, int number) const {
+void RemoteJob::finish(const char* name, int number) const {
     finish(strf("(%i) outgoing ftp %s thread complete", number, name));
 }
 
-int FtpJob::open_data_port() {
+int RemoteJob::open_data_port() {
     uint32_t addr = 0;
     int control_port = 0;
     if (!link || !link->local_address(addr, control_port))
@@ -169,7 +169,7 @@ int FtpJob::open_data_port() {
     return fd;
 }
 
-int FtpJob::accept_data(int listen_fd) {
+int RemoteJob::accept_data(int listen_fd) {
     uint32_t expected = 0;
     int ignored_port = 0;
     bool check_peer = link && link->peer_address(expected, ignored_port);
@@ -198,7 +198,7 @@ int FtpJob::accept_data(int listen_fd) {
     return -1;
 }
 
-bool FtpJob::type_to_ascii() {
+bool RemoteJob::type_to_ascii() {
     if (slot->transfer_type.load() == 'A')
         return false;
     command("TYPE A\r\n", kCommandSent);
@@ -206,14 +206,14 @@ bool FtpJob::type_to_ascii() {
     return true;
 }
 
-void FtpJob::type_back(bool switched) {
+void RemoteJob::type_back(bool switched) {
     if (!switched || !alive())
         return;
     command("TYPE I\r\n", kCommandSent);
     wait_while(kCommandSent);
 }
 
-long FtpJob::receive_file(int data_fd, int file_fd) {
+long RemoteJob::receive_file(int data_fd, int file_fd) {
     HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
     std::vector<char> block(kDataBlock);
     int idle_limit = reply_timeout_ms();
@@ -259,7 +259,7 @@ long FtpJob::receive_file(int data_fd, int file_fd) {
     return marks.total();
 }
 
-long FtpJob::send_file(int data_fd, int file_fd) {
+long RemoteJob::send_file(int data_fd, int file_fd) {
     HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
     std::vector<char> block(kDataBlock);
     int idle_limit = reply_timeout_ms();
@@ -285,7 +285,7 @@ long FtpJob::send_file(int data_fd, int file_fd) {
     return marks.total();
 }
 
-bool FtpJob::confirm(const std::string& question) {
+bool RemoteJob::confirm(const std::string& question) {
     if (slot->ghost.load())
         return true;
     // The state first: an answer (or the user's going away) can then never come before the
@@ -306,7 +306,7 @@ bool FtpJob::confirm(const std::string& question) {
     }
 }
 
-char FtpJob::wait_key(bool announce) {
+char RemoteJob::wait_key(bool announce) {
     if (slot->ghost.load() || !alive())
         return 'Q';
     set(kMorePage);
@@ -325,8 +325,8 @@ char FtpJob::wait_key(bool announce) {
 }
 
 bool spawn_job(Server& server, const SlotPtr& slot, const SessionPtr& session, const char* name,
-               void (*body)(FtpJob&, std::string), std::string arg) {
-    auto job = std::make_shared<FtpJob>(server, slot, session);
+               void (*body)(RemoteJob&, std::string), std::string arg) {
+    auto job = std::make_shared<RemoteJob>(server, slot, session);
     bool ok = server.workers.spawn(
         [job, body, arg = std::move(arg)]() mutable { body(*job, std::move(arg)); });
     if (!ok)

@@ -15,9 +15,9 @@ struct User;
 
 namespace client {
 
-class FtpJob {
+class RemoteJob {
   public:
-    FtpJob(Server& server, SlotPtr slot, SessionPtr session);
+    RemoteJob(Server& server, SlotPtr slot, SessionPtr session);
 
     Server& server;
     const SlotPtr slot;
@@ -79,7 +79,7 @@ class FtpJob {
 // Runs `body` on a worker thread with a job for the slot; logs
 // "**** Failed to create oftp <name> Thread ****" when no thread can be made.
 bool spawn_job(Server& server, const SlotPtr& slot, const SessionPtr& session, const char* name,
-               void (*body)(FtpJob&, std::string), std::string arg);
+               void (*body)(RemoteJob&, std::string), std::string arg);
 
 } // namespace client
 } // namespace orv
