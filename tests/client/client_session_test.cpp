@@ -110,15 +110,7 @@ class LoopbackHost {
   public:
     explicit LoopbackHost(std::string out, size_t close_after = 0)
         : out_(std::move(out)), close_after_(close_after) {
-        listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
-        socklen_t len = sizeof sa;
-        ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);
-        port_ = ntohs(sa.sin_port);
-        ::listen(listen_fd_, 1);
+        listen_fd_ = loopback_listener(1, port_);
         thread_ = std::thread([this] { run(); });
     }
     ~LoopbackHost() {
@@ -512,18 +504,14 @@ TEST(ClientConcurrency, ShutdownDuringATransferEndsIt) {
 class UnansweredPort {
   public:
     UnansweredPort() {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        listener_ = loopback_listener(0, port_);
         sockaddr_in sa{};
         sa.sin_family = AF_INET;
         sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof sa;
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&sa), len);
-        ::listen(listener_, 0);
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&sa), &len);
-        port_ = ntohs(sa.sin_port);
+        sa.sin_port = htons(static_cast<uint16_t>(port_));
         for (int& fd : fillers_) {
             fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            ::connect(fd, reinterpret_cast<sockaddr*>(&sa), len);
+            ::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
         }
         std::this_thread::sleep_for(200ms);
     }
