@@ -4,14 +4,17 @@
 #include "client/progress.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
+#include "platform/byte_mover.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -22,7 +25,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Data moves in large blocks; the hash marks and counts do not depend on the block size.
-constexpr size_t kDataBlock = 64 * 1024;
 
 } // namespace
 
@@ -213,42 +215,33 @@ void RemoteJob::type_back(bool switched) {
     wait_while(kCommandSent);
 }
 
+MoveControl RemoteJob::move_control(HashMarks& marks, const long long& base) {
+    MoveControl control;
+    control.stop = [this] { return server.stopping.load(); };
+    control.progress = [this, &marks, &base](long long total) {
+        say(marks.add(static_cast<long>(base + total - marks.total())));
+    };
+    control.idle_limit_ms = reply_timeout_ms();
+    return control;
+}
+
 long RemoteJob::receive_file(int data_fd, int file_fd) {
     HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
-    std::vector<char> block(kDataBlock);
-    int idle_limit = reply_timeout_ms();
-    int idle = 0;
-    bool write_ok = true;
+    long long base = 0;
+    MoveControl control = move_control(marks, base);
     WallTime start = wall_now();
-    for (;;) {
-        if (server.stopping.load())
-            break;
-        if (!wait_readable(data_fd, 100)) {
-            idle += 100;
-            if (idle >= idle_limit)
-                break;
-            continue;
+    MoveResult moved = receive_socket_to_file(data_fd, file_fd, control);
+    if (moved.end == MoveEnd::sink_failed) {
+        // Keep reading, into nothing, so that the server finishes the transfer and the session
+        // stays in step; the short file is reported once.
+        log(strf("(%i) local write failed", user_socket()));
+        base = moved.bytes;
+        say(marks.add(static_cast<long>(base - marks.total())));
+        int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (nothing >= 0) {
+            receive_socket_to_file(data_fd, nothing, control, ReceiveMethod::recv_write);
+            ::close(nothing);
         }
-        idle = 0;
-        ssize_t n = ::recv(data_fd, block.data(), block.size(), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        for (ssize_t done = 0; write_ok && done < n;) {
-            ssize_t w = ::write(file_fd, block.data() + done, static_cast<size_t>(n - done));
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w <= 0) {
-                // Keep reading so that the server finishes the transfer and the session stays
-                // in step; the short file is reported once.
-                write_ok = false;
-                log(strf("(%i) local write failed", user_socket()));
-                break;
-            }
-            done += w;
-        }
-        say(marks.add(n));
     }
     say(marks.finish());
     close_fd(data_fd);
@@ -261,20 +254,12 @@ long RemoteJob::receive_file(int data_fd, int file_fd) {
 
 long RemoteJob::send_file(int data_fd, int file_fd) {
     HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
-    std::vector<char> block(kDataBlock);
-    int idle_limit = reply_timeout_ms();
+    long long base = 0;
+    MoveControl control = move_control(marks, base);
+    struct stat st {};
+    long long size = ::fstat(file_fd, &st) == 0 ? st.st_size : 0;
     WallTime start = wall_now();
-    for (;;) {
-        ssize_t n = ::read(file_fd, block.data(), block.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        if (server.stopping.load() ||
-            !orv::send_all(data_fd, block.data(), static_cast<size_t>(n), nullptr, idle_limit))
-            break;
-        say(marks.add(n));
-    }
+    send_file_to_socket(file_fd, data_fd, size, control);
     say(marks.finish());
     ::shutdown(data_fd, SHUT_WR);
     close_fd(data_fd);

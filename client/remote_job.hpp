@@ -2,7 +2,9 @@
 // What every command thread of the FTP client needs: the slot, the session and the control
 // connection it started with; the waits on the state byte that the reply handler moves; the
 // active-mode data connection; the receive and send loops; the y/n question and the pager key.
+#include "client/progress.hpp"
 #include "client/session.hpp"
+#include "platform/byte_mover.hpp"
 
 #include <cstdint>
 #include <string>
@@ -65,6 +67,10 @@ class RemoteJob {
     // Sends `file_fd` on the data connection with hash marks and the rate line; closes the
     // data socket.
     long send_file(int data_fd, int file_fd);
+    // The byte mover's settings for those two: the server's stop, the reply time-out as the
+    // idle limit, and the hash marks fed from the running total plus `base` (what an earlier
+    // move of the same transfer took).
+    MoveControl move_control(HashMarks& marks, const long long& base);
 
     // ---- the user ----
     // "get %s [y/n]? " and its like: true for yes (at once for a user who has gone).

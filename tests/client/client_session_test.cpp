@@ -10,13 +10,16 @@
 #include "support/test_server.hpp"
 #include "telnetd/shell_client.hpp"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -316,6 +319,34 @@ TEST(ClientProtocol, ReceivedFileIsRenewedInPlace) {
         std::string::npos)
         << after;
     EXPECT_EQ(c.home_file("box/b.txt"), "fresh contents");
+}
+
+TEST(ClientProtocol, LocalWriteFailureReadsTheRestAndStaysInStep) {
+    ClientSession c;
+    std::string data = pattern(3 << 20, 7);
+    FakeFtpPeer peer({"220 ready\r\n"}, retr_script(data));
+    c.connect(peer);
+    c.line("hash off");
+    // Files of this process may not grow past 256 KiB while the get runs.
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = saved;
+    small.rlim_cur = 256 * 1024;
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    size_t mark = c.server().log_lines().size();
+    std::string out = c.line("get big.bin");
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, old_handler);
+    // Every byte was taken from the server, which finished its transfer; the session goes on.
+    EXPECT_NE(out.find(" 3145728 bytes received in "), std::string::npos) << out;
+    std::vector<std::string> lines = c.server().log_since(mark);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) {
+                                return l.find("local write failed") != std::string::npos;
+                            }),
+              1);
+    EXPECT_NE(c.line("pwd").find("ftp> "), std::string::npos);
 }
 
 // Answers STOR with "150 Ok.", reads the data connection to its end, then "226 Done.".
