@@ -477,12 +477,17 @@ Status Files::readdir(std::string_view handle, std::vector<NameEntry>& out) {
 
 Status Files::stat(std::string_view path, Attrs& out) {
     refresh(path);
+    std::shared_ptr<User> user = slot_->checked_user();
     HostPath host;
     {
         std::shared_lock lock(server_.tree_mutex);
         NodePtr node = resolve(path);
         if (!node)
             return kNoSuchFile;
+        // As for a file's time over FTP: its directory or the node itself must be readable.
+        NodePtr parent = node->parent_node();
+        if (!can_read(user.get(), parent ? *parent : *node) && !can_read_path(user.get(), *node))
+            return kPermissionDenied;
         out = node_attrs(*node);
         host = node_host_path(*server_.vfs, *node);
     }

@@ -138,6 +138,7 @@ class SftpClients(ClientTestCase):
             denied = [
                 ("read without r", lambda: c.open("/private/secret.txt").read()),
                 ("list without r", lambda: c.listdir("/private")),
+                ("stat in an unreadable dir", lambda: c.stat("/private/secret.txt")),
                 ("write without w", lambda: c.open("/private/new.txt", "wb").close()),
                 ("overwrite without w", lambda: c.open("/pub/hello.txt", "wb").close()),
                 ("chmod of another's file", lambda: c.chmod("/pub/hello.txt", 0o777)),
