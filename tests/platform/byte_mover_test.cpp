@@ -3,6 +3,7 @@
 #include "platform/byte_mover.hpp"
 #include "platform/net.hpp"
 #include "support/temp_dir.hpp"
+#include "support/test_server.hpp"
 
 #include <gtest/gtest.h>
 
@@ -26,15 +27,9 @@ struct Pair {
     int server = tcp_socket();
     int client = -1;
     Pair() {
-        int listener = tcp_socket();
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof sa;
-        if (::bind(listener, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-            ::listen(listener, 1) == 0 &&
-            ::getsockname(listener, reinterpret_cast<sockaddr*>(&sa), &len) == 0 &&
-            connect_ipv4(server, sa.sin_addr.s_addr, ntohs(sa.sin_port), 5000) == 0)
+        int port = 0;
+        int listener = test::loopback_listener(1, port);
+        if (listener >= 0 && connect_ipv4(server, htonl(INADDR_LOOPBACK), port, 5000) == 0)
             client = ::accept(listener, nullptr, nullptr);
         close_fd(listener);
         timeval tv{20, 0}; // no read in a test waits for ever
@@ -227,4 +222,29 @@ TEST(ByteMoverReceiveStop, AnEndedSessionStopsOnlyWhenNothingArrives) {
     ::close(fd);
     EXPECT_EQ(r.end, MoveEnd::stopped);
     EXPECT_EQ(r.bytes, 12); // what had come was taken in first
+}
+
+TEST(ByteMoverCopy, CopiesFromTheOffsetToTheEndAndStopsOnRequest) {
+    test::TempDir dir;
+    std::string content = pattern((9 << 20) + 123); // more than one kernel copy piece
+    dir.write("from", content);
+    int in = open_read(dir.path() / "from");
+    ASSERT_EQ(::lseek(in, 5, SEEK_SET), 5);
+    int out = ::open((dir.path() / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    long long last = 0;
+    MoveControl control;
+    control.progress = [&](long long total) { last = total; };
+    MoveResult r = copy_file_to_file(in, out, control);
+    ::close(out);
+    EXPECT_EQ(r.end, MoveEnd::complete);
+    EXPECT_EQ(r.written, static_cast<long long>(content.size() - 5));
+    EXPECT_EQ(last, r.written);
+    EXPECT_EQ(dir.read("to"), content.substr(5));
+
+    ASSERT_EQ(::lseek(in, 0, SEEK_SET), 0);
+    out = ::open((dir.path() / "stopped").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    control.stop = [] { return true; };
+    EXPECT_EQ(copy_file_to_file(in, out, control).end, MoveEnd::stopped);
+    ::close(out);
+    ::close(in);
 }
