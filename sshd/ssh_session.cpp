@@ -5,6 +5,7 @@
 #include "accounts/user.hpp"
 #include "core/server.hpp"
 #include "platform/text.hpp"
+#include "sshd/authorized_keys.hpp"
 #include "sshd/sftp_subsystem.hpp"
 #include "sshd/ssh_bridge.hpp"
 #include "telnetd/ghost.hpp"
@@ -49,6 +50,8 @@ using Clock = std::chrono::steady_clock;
 // The whole login (key exchange included) must be over this long after the connection came.
 constexpr auto kLoginLimit = std::chrono::seconds(30);
 constexpr int kMaxTries = 3;
+// Clients offer their keys one after the other; more offers than this end the connection.
+constexpr int kMaxKeyOffers = 10;
 // How often the loop looks at the stop flags and the deadline.
 constexpr int kPollMs = 100;
 // Bytes the shell has not taken yet beyond which the channel's data waits in the channel
@@ -129,6 +132,7 @@ class Session {
   private:
     // libssh callbacks (this thread, inside the library's polling).
     static int on_password(ssh_session, const char* user, const char* password, void* self);
+    static int on_pubkey(ssh_session, const char* user, ssh_key key, char state, void* self);
     static ssh_channel on_channel_open(ssh_session session, void* self);
     static int on_pty(ssh_session, ssh_channel, const char*, int, int, int, int, void* self);
     static int on_window_change(ssh_session, ssh_channel, int, int, int, int, void*) { return 0; }
@@ -140,7 +144,8 @@ class Session {
     static void on_channel_close(ssh_session, ssh_channel, void* self);
     static int on_shell_output(socket_t fd, int revents, void* self);
 
-    Verdict check_password(const std::string& name, const std::string& typed);
+    // `typed` is the password, or none for a key that was already proved to be the client's.
+    Verdict check_login_of(const std::string& name, std::optional<std::string> typed);
     bool has_right(uint16_t right) const;
     bool request(Mode mode);
     void start_shell();
@@ -165,6 +170,7 @@ class Session {
     bool fd_watched_ = false;
 
     int tries_ = 0;
+    int key_offers_ = 0;
     bool authed_ = false;
     bool give_up_ = false;
     int in_use_ = 0;
@@ -189,7 +195,7 @@ int Session::on_password(ssh_session, const char* user, const char* password, vo
     if (s.authed_ || s.give_up_)
         return SSH_AUTH_DENIED;
     ++s.tries_;
-    Verdict v = s.check_password(user ? user : "", password ? password : "");
+    Verdict v = s.check_login_of(user ? user : "", std::string(password ? password : ""));
     if (v == Verdict::Accepted) {
         s.authed_ = true;
         return SSH_AUTH_SUCCESS;
@@ -199,13 +205,55 @@ int Session::on_password(ssh_session, const char* user, const char* password, vo
     return SSH_AUTH_DENIED;
 }
 
+int Session::on_pubkey(ssh_session, const char* user, ssh_key key, char state, void* self) {
+    auto& s = *static_cast<Session*>(self);
+    if (s.authed_ || s.give_up_ || !user)
+        return SSH_AUTH_DENIED;
+    if (++s.key_offers_ > kMaxKeyOffers) {
+        s.give_up_ = true;
+        return SSH_AUTH_DENIED;
+    }
+    if (!key_is_authorized(s.server_.start_dir, user, key))
+        return SSH_AUTH_DENIED;
+    // An offer of a listed key is answered yes; the login happens once the client has
+    // proved with its signature that it holds the private key.
+    if (state == SSH_PUBLICKEY_STATE_NONE)
+        return SSH_AUTH_SUCCESS;
+    if (state != SSH_PUBLICKEY_STATE_VALID)
+        return SSH_AUTH_DENIED;
+    Verdict v = s.check_login_of(user, std::nullopt);
+    if (v == Verdict::Accepted) {
+        s.authed_ = true;
+        return SSH_AUTH_SUCCESS;
+    }
+    s.give_up_ = true;
+    return SSH_AUTH_DENIED;
+}
+
+// A key login: the account's right and the address's ban decide, as they would for a password.
+void key_login(Server& server, const SlotPtr& slot, std::function<void(bool)> decided) {
+    std::shared_ptr<User> user = slot->user();
+    bool may = false;
+    if (user) {
+        std::shared_lock lock(server.tree_mutex);
+        may = user->has_right(kRightTelnetIn | kRightFtpIn);
+    }
+    if (!may || server.guard.banned(*slot)) {
+        server.guard.login_failed(slot, slot->login_name, LoginGuard::Clock::now(),
+                                  [decided] { decided(false); });
+        return;
+    }
+    server.guard.login_succeeded(*slot);
+    decided(true);
+}
+
 // The decision is made on the event thread, which owns the slot's login fields; this thread
 // waits for it (the defence's pause included), or gives up when the server stops.
-Verdict Session::check_password(const std::string& name, const std::string& typed) {
+Verdict Session::check_login_of(const std::string& name, std::optional<std::string> typed) {
     auto answer = std::make_shared<Handover<std::pair<Verdict, int>>>();
     Server& server = server_;
     SlotPtr slot = slot_;
-    server.post([&server, slot, name, typed, answer] {
+    server.post([&server, slot, name, typed = std::move(typed), answer] {
         if (!slot->control_open() || server.stopping) {
             answer->set({Verdict::Denied, 0});
             return;
@@ -218,12 +266,15 @@ Verdict Session::check_password(const std::string& name, const std::string& type
         }
         slot->set_user(std::move(user));
         slot->login_name = name;
-        check_login(server, slot, kRightTelnetIn | kRightFtpIn, typed,
-                    [&server, slot, answer](bool accepted) {
-                        int in_use = 0;
-                        Verdict v = settle_login(server, slot, accepted, in_use);
-                        answer->set({v, in_use});
-                    });
+        auto decided = [&server, slot, answer](bool accepted) {
+            int in_use = 0;
+            Verdict v = settle_login(server, slot, accepted, in_use);
+            answer->set({v, in_use});
+        };
+        if (typed)
+            check_login(server, slot, kRightTelnetIn | kRightFtpIn, *typed, decided);
+        else
+            key_login(server, slot, decided);
     });
     std::unique_lock lock(answer->mutex);
     while (!answer->value) {
@@ -417,10 +468,11 @@ bool Session::should_stop() const {
 void Session::run() {
     server_cb_.userdata = this;
     server_cb_.auth_password_function = on_password;
+    server_cb_.auth_pubkey_function = on_pubkey;
     server_cb_.channel_open_request_session_function = on_channel_open;
     ssh_callbacks_init(&server_cb_);
     ssh_set_server_callbacks(session_, &server_cb_);
-    ssh_set_auth_methods(session_, SSH_AUTH_METHOD_PASSWORD);
+    ssh_set_auth_methods(session_, SSH_AUTH_METHOD_PASSWORD | SSH_AUTH_METHOD_PUBLICKEY);
 
     if (ssh_handle_key_exchange(session_) != SSH_OK) {
         end();
