@@ -57,6 +57,8 @@ constexpr int kPollMs = 100;
 // Bytes the shell has not taken yet beyond which the channel's data waits in the channel
 // (its window closes, so the client slows down).
 constexpr size_t kShellBacklog = 64 * 1024;
+// How long a finished channel waits for the client to close it and hang up.
+constexpr auto kLingerLimit = std::chrono::seconds(2);
 
 enum class Verdict { Accepted, Denied, Refused };
 enum class Mode { None, Shell, Exec, Sftp };
@@ -151,6 +153,7 @@ class Session {
     void start_shell();
     void read_shell_output();
     void flush_to_shell();
+    void take_channel_backlog();
     void write_channel(std::string_view bytes);
     void finish_channel(int status);
     bool should_stop() const;
@@ -360,8 +363,9 @@ int Session::on_data(ssh_session, ssh_channel, void* data, uint32_t len, int is_
     auto& s = *static_cast<Session*>(self);
     if (is_stderr)
         return static_cast<int>(len);
-    // Until the shell runs, and while it lags behind, the data stays in the channel.
-    if (!s.adopted_ || s.to_shell_.size() > kShellBacklog)
+    // While the shell lags behind, the data stays in the channel (its window closes); the
+    // loop takes it from there once the shell has caught up.
+    if (s.to_shell_.size() > kShellBacklog)
         return 0;
     s.to_shell_ += s.input_.encode(std::string_view(static_cast<const char*>(data), len));
     s.flush_to_shell();
@@ -377,7 +381,21 @@ int Session::on_shell_output(socket_t, int, void* self) {
     return 0;
 }
 
+void Session::take_channel_backlog() {
+    char buffer[16384];
+    while (channel_ && !channel_closed_ && to_shell_.size() <= kShellBacklog &&
+           ssh_channel_poll(channel_, 0) > 0) {
+        int n = ssh_channel_read_nonblocking(channel_, buffer, sizeof buffer, 0);
+        if (n <= 0)
+            return;
+        to_shell_ += input_.encode(std::string_view(buffer, static_cast<size_t>(n)));
+    }
+}
+
 void Session::flush_to_shell() {
+    // Until the shell has taken the slot over, what the client typed waits here.
+    if (!adopted_)
+        return;
     while (!to_shell_.empty()) {
         ssize_t n =
             ::send(bridge_fd_, to_shell_.data(), to_shell_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -433,7 +451,7 @@ void Session::start_shell() {
     options.in_use = in_use_;
     if (mode_ == Mode::Exec) {
         ShellInput fresh;
-        to_shell_ = fresh.encode(command_) + "\r\n";
+        to_shell_.insert(0, fresh.encode(command_) + "\r\n");
     }
     Server& server = server_;
     SlotPtr slot = slot_;
@@ -453,6 +471,20 @@ void Session::finish_channel(int status) {
     ssh_channel_request_send_exit_status(channel_, status);
     ssh_channel_send_eof(channel_);
     ssh_channel_close(channel_);
+    // The client answers the close and then hangs up itself; hanging up first would make it
+    // report a broken connection instead of the exit status.
+    auto until = Clock::now() + kLingerLimit;
+    while (!channel_closed_ && Clock::now() < until && !server_.stopping &&
+           !(ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR))) {
+        if (ssh_event_dopoll(event_, kPollMs) == SSH_ERROR)
+            break;
+    }
+    until = Clock::now() + kLingerLimit;
+    while (Clock::now() < until && !server_.stopping &&
+           !(ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR))) {
+        if (ssh_event_dopoll(event_, kPollMs) == SSH_ERROR)
+            break;
+    }
 }
 
 bool Session::should_stop() const {
@@ -506,8 +538,10 @@ void Session::run() {
         }
         if (requested_ != Mode::None && mode_ == Mode::None)
             start_shell();
-        if (adopted_)
+        if (adopted_) {
+            take_channel_backlog();
             flush_to_shell();
+        }
         if (mode_ == Mode::Exec && !exec_.done())
             write_channel(exec_.feed({}, slot_->state == telnet::kStateShell));
         if (mode_ == Mode::Exec && exec_.done()) {
