@@ -363,9 +363,11 @@ int Session::on_data(ssh_session, ssh_channel, void* data, uint32_t len, int is_
     auto& s = *static_cast<Session*>(self);
     if (is_stderr)
         return static_cast<int>(len);
-    // While the shell lags behind, the data stays in the channel (its window closes); the
-    // loop takes it from there once the shell has caught up.
-    if (s.to_shell_.size() > kShellBacklog)
+    // Data stays in the channel until a shell or a command takes it (the SFTP subsystem reads
+    // the channel itself), and while the shell lags behind (the channel's window closes); the
+    // loop takes it from there.
+    bool for_shell = s.requested_ == Mode::Shell || s.requested_ == Mode::Exec;
+    if (!for_shell || s.to_shell_.size() > kShellBacklog)
         return 0;
     s.to_shell_ += s.input_.encode(std::string_view(static_cast<const char*>(data), len));
     s.flush_to_shell();

@@ -20,7 +20,8 @@ import paramiko
 from hostile_support import (DEFAULT_USERS, Conn, Server, expect, main, raise_fd_limit,
                              shell, wait_until)
 
-USERS = DEFAULT_USERS + (("ftponly", "ftponly-pass", 113, 5, 4),)
+USERS = DEFAULT_USERS + (("ftponly", "ftponly-pass", 113, 5, 4),
+                         ("shellonly", "shellonly-pass", 114, 5, 8))
 SSH_OPTS = ["-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null",
             "-o", "LogLevel=ERROR", "-o", "ConnectTimeout=20"]
 
@@ -129,6 +130,19 @@ class SshClients(unittest.TestCase):
                 ch.exec_command("pwd")
         finally:
             c.close()
+        # The SFTP subsystem needs the Ftp IN right; no other subsystem exists.
+        for user, name, allowed in (("ftponly", "sftp", True), ("shellonly", "sftp", False),
+                                    ("demo", "nonesuch", False)):
+            c = client(self.server, user, user + "-pass" if user != "demo" else "demo-pass")
+            try:
+                ch = c.get_transport().open_session()
+                if allowed:
+                    ch.invoke_subsystem(name)
+                else:
+                    with self.assertRaises(paramiko.SSHException):
+                        ch.invoke_subsystem(name)
+            finally:
+                c.close()
         # "limited" may hold one login at a time, whichever service it comes through.
         first, ch = pty_shell(self.server, "limited", "limited-pass")
         try:
