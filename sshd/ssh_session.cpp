@@ -144,6 +144,7 @@ class Session {
     static int on_data(ssh_session, ssh_channel, void* data, uint32_t len, int is_stderr,
                        void* self);
     static void on_channel_close(ssh_session, ssh_channel, void* self);
+    static void on_channel_eof(ssh_session, ssh_channel, void* self);
     static int on_shell_output(socket_t fd, int revents, void* self);
 
     // `typed` is the password, or none for a key that was already proved to be the client's.
@@ -156,6 +157,7 @@ class Session {
     void take_channel_backlog();
     void write_channel(std::string_view bytes);
     void finish_channel(int status);
+    void answer_for_absent_client();
     bool should_stop() const;
     void end();
 
@@ -180,6 +182,8 @@ class Session {
 
     ssh_channel channel_ = nullptr;
     bool channel_closed_ = false;
+    bool client_eof_ = false;
+    Clock::time_point last_answer_{};
     bool pty_ = false;
     Mode requested_ = Mode::None;
     Mode mode_ = Mode::None;
@@ -309,6 +313,7 @@ ssh_channel Session::on_channel_open(ssh_session session, void* self) {
     s.channel_cb_.userdata = &s;
     s.channel_cb_.channel_data_function = on_data;
     s.channel_cb_.channel_close_function = on_channel_close;
+    s.channel_cb_.channel_eof_function = on_channel_eof;
     s.channel_cb_.channel_pty_request_function = on_pty;
     s.channel_cb_.channel_pty_window_change_function = on_window_change;
     s.channel_cb_.channel_shell_request_function = on_shell;
@@ -376,6 +381,30 @@ int Session::on_data(ssh_session, ssh_channel, void* data, uint32_t len, int is_
 
 void Session::on_channel_close(ssh_session, ssh_channel, void* self) {
     static_cast<Session*>(self)->channel_closed_ = true;
+}
+
+void Session::on_channel_eof(ssh_session, ssh_channel, void* self) {
+    static_cast<Session*>(self)->client_eof_ = true;
+}
+
+// A command whose client has no more input to give (`ssh HOST more FILE < /dev/null`) would
+// wait at the pager or a question for ever: the pager gets a space (the whole text comes),
+// a question "n".
+void Session::answer_for_absent_client() {
+    if (mode_ != Mode::Exec || !client_eof_ || !to_shell_.empty())
+        return;
+    auto now = Clock::now();
+    if (now - last_answer_ < std::chrono::milliseconds(200))
+        return;
+    uint8_t state = slot_->state;
+    if (state == telnet::kStateMorePage)
+        to_shell_ = " ";
+    else if (state == telnet::kStateQuestion)
+        to_shell_ = "n\r\n";
+    else
+        return;
+    last_answer_ = now;
+    flush_to_shell();
 }
 
 int Session::on_shell_output(socket_t, int, void* self) {
@@ -543,6 +572,7 @@ void Session::run() {
         if (adopted_) {
             take_channel_backlog();
             flush_to_shell();
+            answer_for_absent_client();
         }
         if (mode_ == Mode::Exec && !exec_.done())
             write_channel(exec_.feed({}, slot_->state == telnet::kStateShell));
