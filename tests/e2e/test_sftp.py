@@ -176,6 +176,29 @@ class SftpClients(ClientTestCase):
         self.assertEqual(self.home("pub", "up", "keep.txt"), b"old contents")
 
 
+    def test_bad_packets_end_the_subsystem_cleanly(self):
+        for junk in (b"\xff\xff\xff\xff", b"\x00\x00\x00\x05\x01\x00\x00\x00\x03"
+                     b"\x00\x00\x00\x05\x66\x00\x00\x00\x01",
+                     b"\x00\x00\x00\x08\x11\x00\x00\x00\x01\x00\x00\x00"):
+            with self.subTest(junk=junk):
+                transport = paramiko.Transport(("127.0.0.1", self.server.ssh_port))
+                try:
+                    transport.connect(username="demo", password="demo-pass")
+                    channel = transport.open_session(timeout=WAIT)
+                    channel.invoke_subsystem("sftp")
+                    channel.sendall(junk)
+                    channel.settimeout(WAIT)
+                    while channel.recv(4096):
+                        pass  # a version reply at most, then the end
+                    self.assertTrue(channel.exit_status_ready() or channel.closed)
+                finally:
+                    transport.close()
+        self.assertTrue(self.server.alive())
+        transport, c = paramiko_client(self.server)
+        c.stat("/pub")
+        transport.close()
+
+
 class SftpLarge(unittest.TestCase):
     def test_100_mib_round_trip_is_byte_identical(self):
         server = Server(ssh=True)
