@@ -11,6 +11,7 @@ packages=(
   clang libclang-rt-14-dev
   libcrypt-dev libsystemd-dev libssh-dev libssl-dev pkg-config lintian dpkg-dev systemd
   openssh-client sshpass python3-paramiko ssh-audit
+  openssl testssl.sh
 )
 if [ "${ORVANE_BENCH_PEERS:-0}" = 1 ]; then
   packages+=(vsftpd proftpd-core pure-ftpd)
