@@ -69,8 +69,13 @@ class SshClients(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
+        # Leaks are reported at exit: stop first, then look.
+        status = cls.server.stop()
+        reports = cls.server.sanitizer_reports()
         cls.server.close()
         cls.home_dir.cleanup()
+        if status != 0 or reports:
+            raise AssertionError("exit status %r, sanitizer reports %r" % (status, reports))
 
     def openssh(self, args, password="demo-pass", user="demo", stdin=b"", tty=False):
         argv = ["sshpass", "-p", password, "ssh"] + SSH_OPTS + (["-tt"] if tty else []) + [
