@@ -280,7 +280,7 @@ class SshHostile(unittest.TestCase):
         t.close()
         lines = s.log_since(start)
         self.assertEqual(sum("Login failure for user (demo)" in l for l in lines), 3, lines)
-        self.assertEqual(sum(bool(re.search(r"Login failure from 127\.0\.0\.1 service \S+ "
+        self.assertEqual(sum(bool(re.search(r"Login failure from 127\.0\.0\.1 service SSH "
                                             r"user \(demo\)$", l)) for l in lines), 3, lines)
         self.assertTrue(s.wait_log_match(r"^SSH Close port \d+$", start=start))
         self.honest_exec()
