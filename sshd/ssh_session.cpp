@@ -79,7 +79,7 @@ template <typename T> struct Handover {
 // account's login count and limit, the home directory as the current one.
 Verdict settle_login(Server& server, const SlotPtr& slot, bool accepted, int& in_use) {
     if (!accepted) {
-        server.log_login_failure(*slot);
+        log_login_failure(server, *slot);
         slot->state = telnet::kStateLoginName;
         return Verdict::Denied;
     }
@@ -92,13 +92,12 @@ Verdict settle_login(Server& server, const SlotPtr& slot, bool accepted, int& in
         max_logins = user->max_logins;
         home = user->home_dir;
     }
-    in_use = ++user->active_logins;
-    slot->login_counted = true;
+    in_use = count_login(*slot, *user);
     if (in_use > max_logins) {
-        slot->give_back_login();
+        give_back_login(*slot);
         server.log.logf("(%i) %s - max (%i) connections in use.", slot->socket.load(),
                         log_safe(name).c_str(), max_logins);
-        server.log_login_failure(*slot);
+        log_login_failure(server, *slot);
         slot->state = telnet::kStateLoginName;
         return Verdict::Refused;
     }
@@ -246,8 +245,9 @@ void key_login(Server& server, const SlotPtr& slot, std::function<void(bool)> de
         may = user->has_right(kRightTelnetIn | kRightFtpIn);
     }
     if (!may || server.guard.banned(*slot)) {
-        server.guard.login_failed(slot, slot->login_name, LoginGuard::Clock::now(),
-                                  [decided] { decided(false); });
+        server.guard.login_failed(
+            slot, slot->login_name, LoginGuard::Clock::now(), [decided] { decided(false); },
+            [&server, slot] { log_login_failure(server, *slot); });
         return;
     }
     server.guard.login_succeeded(*slot);
