@@ -10,8 +10,8 @@ packages=(
   curl lftp telnet expect tmux socat python3 python3-pyftpdlib wget busybox tnftp
   clang libclang-rt-14-dev
   libcrypt-dev libsystemd-dev libssh-dev libssl-dev pkg-config lintian dpkg-dev systemd
-  openssl testssl.sh
   openssh-client sshpass python3-paramiko ssh-audit
+  openssl testssl.sh
 )
 if [ "${ORVANE_BENCH_PEERS:-0}" = 1 ]; then
   packages+=(vsftpd proftpd-core pure-ftpd)
