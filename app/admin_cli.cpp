@@ -474,9 +474,8 @@ AdminOutcome who_command(Server& server) {
         if (slot->peer_known)
             address =
                 strf("%u.%u.%u.%u", slot->peer[0], slot->peer[1], slot->peer[2], slot->peer[3]);
-        o.out +=
-            strf("(%i) %s %s %s\n", slot->socket.load(),
-                 slot->service == Service::Ftp ? "FTP" : "Telnet", name.c_str(), address.c_str());
+        o.out += strf("(%i) %s %s %s\n", slot->socket.load(), service_name(slot->service),
+                      name.c_str(), address.c_str());
     }
     return o;
 }

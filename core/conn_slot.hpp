@@ -25,7 +25,8 @@ struct SlotSocket;
 struct FtpSessionExtras;
 class AddressTicket;
 
-enum class Service : uint8_t { Ftp, Telnet };
+// Ssh: a session of the SSH listener; its shell runs as a Telnet session's does.
+enum class Service : uint8_t { Ftp, Telnet, Ssh };
 
 // What the control connection's bytes pass through when it is not the plain socket (TLS after
 // AUTH TLS). Both calls behave as non-blocking recv and send do: bytes moved, 0 when the peer

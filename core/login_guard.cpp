@@ -67,6 +67,8 @@ const char* service_name(Service service) {
         return "FTP";
     case Service::Telnet:
         return "Telnet";
+    case Service::Ssh:
+        return "SSH";
     }
     return "?";
 }

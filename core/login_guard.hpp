@@ -74,7 +74,7 @@ class LoginGuard {
 // login with nothing typed ahead, so that nothing runs for it and it can be freed.
 void settle_gone_session(ConnSlot& slot);
 
-// "FTP", "Telnet": the service as the auth log names it.
+// "FTP", "Telnet", "SSH": the service as the auth log names it.
 const char* service_name(Service service);
 
 } // namespace orv

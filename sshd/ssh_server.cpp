@@ -90,7 +90,7 @@ void SshServer::accept(asio::ip::tcp::socket socket, int socket_number) {
         socket.close(ignored);
         return;
     }
-    auto slot = std::make_shared<ConnSlot>(Service::Telnet, socket_number);
+    auto slot = std::make_shared<ConnSlot>(Service::Ssh, socket_number);
     uint32_t addr = 0;
     int port = 0;
     if (peer_ipv4(socket_number, addr, port)) {
