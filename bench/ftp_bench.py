@@ -83,7 +83,8 @@ def free_port():
         return s.getsockname()[1]
 
 
-def wait_port(port, proc, limit=WAIT):
+def wait_port(port, proc, limit=WAIT, banner=b"220"):
+    """Waits until the server on `port` greets with `banner`."""
     end = time.monotonic() + limit
     while time.monotonic() < end:
         if proc.poll() is not None:
@@ -91,7 +92,7 @@ def wait_port(port, proc, limit=WAIT):
         try:
             with socket.create_connection(("127.0.0.1", port), timeout=2) as s:
                 s.settimeout(5)
-                if s.recv(4).startswith(b"220"):
+                if s.recv(4).startswith(banner):
                     return
         except OSError:
             pass
@@ -262,6 +263,8 @@ def make_certificate(work):
 
 class ServerProcess:
     name = ""
+    banner = b"220"  # how the server's greeting starts
+    port_20 = True  # whether it makes data connections from port 20
 
     def __init__(self, home, conf_dir, setup):
         self.home = home
@@ -276,7 +279,8 @@ class ServerProcess:
         raise NotImplementedError
 
     def start(self):
-        wait_port_20()
+        if self.port_20:
+            wait_port_20()
         self.out = open(os.path.join(self.dir, "output.log"), "wb")
         self.cgroup = make_cpu_group(self.name)
         procs = os.path.join(self.cgroup, "cgroup.procs") if self.cgroup else None
@@ -294,14 +298,15 @@ class ServerProcess:
                                          stderr=subprocess.STDOUT, start_new_session=True,
                                          preexec_fn=enter_group)
             try:
-                wait_port(self.port, self.proc)
+                wait_port(self.port, self.proc, banner=self.banner)
                 return
             except RuntimeError:
                 if attempt == 2:
                     raise
                 log("  %s did not start, trying again ..." % self.name)
                 self.kill_group()
-                wait_port_20()
+                if self.port_20:
+                    wait_port_20()
 
     def pids(self):
         """The server's processes: the one started and everything below it."""
