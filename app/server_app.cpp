@@ -31,6 +31,7 @@ ServerApp::ServerApp(std::filesystem::path start_dir, Log::Sink sink)
     server_.log.set_debug_file(server_.table_path("debug.txt"));
     telnet_ = std::make_unique<TelnetServer>(server_);
     ftp_ = std::make_unique<FtpServer>(server_);
+    ssh_ = std::make_unique<SshServer>(server_);
     saver_ = std::make_unique<TableSaver>(server_);
     admin_socket_ = std::make_unique<AdminSocket>(*this);
 }
@@ -51,6 +52,8 @@ void ServerApp::start_services() {
         telnet_->start();
     if (server_.settings.ftp_enabled())
         ftp_->start();
+    if (server_.settings.ssh_enabled())
+        ssh_->start();
 }
 
 void ServerApp::ready() {
@@ -114,6 +117,8 @@ void ServerApp::stop_services() {
         telnet_->stop();
     if (server_.settings.ftp_enabled())
         ftp_->stop();
+    if (ssh_->running())
+        ssh_->stop();
     // Sessions end without a goodbye; their commands see the closed sockets and stop.
     server_.stopping = true;
     for (const SlotPtr& slot : server_.conns.take_all()) {
@@ -121,6 +126,8 @@ void ServerApp::stop_services() {
         client::close_outgoing(server_, slot);
         slot->close_control();
     }
+    // SSH threads may wait inside the protocol library: their connections are shut too.
+    ssh_->end_sessions();
     server_.workers.wait_idle(std::chrono::seconds(10));
 }
 

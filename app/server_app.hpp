@@ -3,6 +3,7 @@
 // orderly shutdown. Used by the headless main, the desktop window and the tests.
 #include "core/server.hpp"
 #include "ftpd/ftp_server.hpp"
+#include "sshd/ssh_server.hpp"
 #include "telnetd/telnet_server.hpp"
 
 #include <asio/signal_set.hpp>
@@ -29,7 +30,7 @@ class ServerApp {
 
     // Reads the settings and the tables and builds the tree; logs "Memory allocated - %li".
     void load();
-    // "Starting services...", then Telnet and FTP when enabled.
+    // "Starting services...", then Telnet and FTP when enabled (and SSH when turned on).
     void start_services();
     // The title with the user count and "Ready...".
     void ready();
@@ -60,6 +61,7 @@ class ServerApp {
     Server server_;
     std::unique_ptr<TelnetServer> telnet_;
     std::unique_ptr<FtpServer> ftp_;
+    std::unique_ptr<SshServer> ssh_;
     std::unique_ptr<TableSaver> saver_;
     std::unique_ptr<AdminSocket> admin_socket_;
     bool shut_down_ = false;

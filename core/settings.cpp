@@ -34,6 +34,8 @@ Settings read_settings(const std::filesystem::path& settings_path) {
     s.ftp = ini.get_int("Services", "ftp", 0);
     s.telnet_port = ini.get_int("Services", "telnet_port", 23);
     s.ftp_port = ini.get_int("Services", "ftp_port", 21);
+    s.ssh = ini.get_int("Services", "ssh", 0);
+    s.ssh_port = ini.get_int("Services", "ssh_port", 2222);
     s.ext = read_extensions(ini);
     return s;
 }

@@ -15,10 +15,14 @@ struct Settings {
     int ftp = 0;
     int telnet_port = 23;
     int ftp_port = 21;
+    // The SSH listener (shell and SFTP); off unless `[Services] ssh=1`. Never written back.
+    int ssh = 0;
+    int ssh_port = 2222;
     Extensions ext; // the opt-in [Extensions] keys
 
     bool telnet_enabled() const { return telnet == 1; }
     bool ftp_enabled() const { return ftp == 1; }
+    bool ssh_enabled() const { return ssh == 1; }
 };
 
 // A missing file gives every default. Nothing is validated.

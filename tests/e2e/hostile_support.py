@@ -115,7 +115,8 @@ class Server:
     (by default \\pub is open to all, \\private is the admin's alone)."""
 
     def __init__(self, maxusers=50, users=DEFAULT_USERS, files=None, dirs=(), fpl=DEFAULT_FPL,
-                 mounts="", groups="", motd=None, start=True, keep_log=True, extensions=None):
+                 mounts="", groups="", motd=None, start=True, keep_log=True, extensions=None,
+                 ssh=False):
         self.tmp = tempfile.TemporaryDirectory(prefix="orvane-e2e-")
         self.dir = self.tmp.name
         self.home = os.path.join(self.dir, "home")
@@ -128,6 +129,8 @@ class Server:
         self.maxusers = maxusers
         # Keys of the [Extensions] section (name -> value); none by default.
         self.extensions = dict(extensions or {})
+        # The SSH listener ([Services] ssh=1 on ssh_port), off by default.
+        self.ssh = ssh
         self.new_ports()
         # (An account without a password gets a stored form no password matches.)
         self.write_table("users", "".join("%s:%d:%s:%d:%d:\\\n" % (
@@ -146,9 +149,11 @@ class Server:
 
     def new_ports(self):
         self.ftp_port, self.telnet_port = free_port(), free_port()
+        self.ssh_port = free_port() if self.ssh else 0
         self.write_table("settings.ini", "[Server_Settings]\nserverhome=%s\nmaxusers=%d\n"
                          "[Services]\ntelnet=1\nftp=1\ntelnet_port=%d\nftp_port=%d\n" % (
                              self.home, self.maxusers, self.telnet_port, self.ftp_port) +
+                         ("ssh=1\nssh_port=%d\n" % self.ssh_port if self.ssh else "") +
                          "".join(["[Extensions]\n"] * bool(self.extensions)) +
                          "".join("%s=%s\n" % kv for kv in self.extensions.items()))
 
