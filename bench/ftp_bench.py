@@ -646,20 +646,23 @@ def transfers(server, load, home, quick):
     return rates, cpu
 
 
-def measure(server, load, home, quick, extra, parts):
-    """The figures of one server, and the CPU time it spent on each workload per unit of
-    work (which the machine's other load does not change much). `parts` names the workloads
-    besides the transfers: "logins", "list", "idle"."""
-    res, cpu, notes = {"spread": {}}, {}, []
+RUN_LABELS = [("retr", "RETR"), ("stor", "STOR"), ("par", "32 x 64 MiB"),
+              ("logins", "login rounds"), ("list", "LIST")]
+
+
+def one_round(server, load, home, quick, parts):
+    """One round of a server's workloads in one mode: logins and LIST when `parts` names them,
+    then the transfers. Returns the values of every run ({key: [...]}) and the CPU seconds per
+    unit of the server and the client ({key: [s], "client " + key: [s]})."""
+    runs, cpu = {}, {}
     if "logins" in parts:
         log("  logins ...")
         seconds = 2 if quick else 5
         before = server.cpu_seconds()
-        login_rates = load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
-                                  "logins_per_s")
-        res["logins"] = median(login_rates)
-        res["spread"]["logins"] = (min(login_rates), max(login_rates))
-        logins = max(1.0, res["logins"] * seconds)
+        rate = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
+                                  "logins_per_s"))
+        runs["logins"] = [rate]
+        logins = max(1.0, rate * seconds)
         cpu["logins"] = [spent_since(server, before) / logins * 1e3]
         cpu["client logins"] = [load.client_cpu / logins * 1e3]
     if "list" in parts:
@@ -667,11 +670,19 @@ def measure(server, load, home, quick, extra, parts):
         count = 3 if quick else 15
         lists = timed(server, load, cpu, "list", count / 1e3, ["list", "many", str(count)],
                       "list_ms")
-        counted = lists[1:] if len(lists) > 1 else lists
-        res["list"] = median(counted)
-        res["spread"]["list"] = (min(counted), max(counted))
-    res["runs"], more = transfers(server, load, home, quick)
-    cpu.update(more)
+        runs["list"] = lists[1:] if len(lists) > 1 else lists  # the first warms the caches
+    more_runs, more_cpu = transfers(server, load, home, quick)
+    runs.update(more_runs)
+    cpu.update(more_cpu)
+    return runs, cpu
+
+
+def measure(server, load, home, quick, extra, parts):
+    """The figures of one server in its first round, and the CPU time it spent on each
+    workload per unit of work (which the machine's other load does not change much). `parts`
+    names the workloads besides the transfers: "logins", "list", "idle"."""
+    res, notes = {"spread": {}}, []
+    res["runs"], cpu = one_round(server, load, home, quick, parts)
     if "idle" not in parts:
         return res, cpu, notes
     log("  idle sessions ...")
@@ -944,9 +955,10 @@ def main():
                 server.stop()
         # The machine's state drifts during a run (other load, and uploads get cheaper as more
         # of its memory has been used once), which favours whichever server happens to run at a
-        # good moment. So with peers the transfers run in ROUNDS rounds, every other one in the
-        # reverse order (of the servers and of the modes), and each figure is the median of all
-        # of a server's runs; the CPU figures are the median of the rounds.
+        # good moment. So with peers every workload but the idle sessions runs in ROUNDS rounds,
+        # every other one in the reverse order (of the servers and of the modes), and each
+        # figure is the median of all of a server's runs; the CPU figures are the median of the
+        # rounds.
         if len(servers) > 1:
             for round_no in range(2, ROUNDS + 1):
                 backwards = round_no % 2 == 0
@@ -955,10 +967,10 @@ def main():
                     try:
                         server.start()
                         for mode in (reversed(modes) if backwards else modes):
-                            log("%s, %s mode, transfers round %d (load average %s) ..."
+                            log("%s, %s mode, round %d (load average %s) ..."
                                 % (name, mode, round_no, load_average()))
-                            rates, more = transfers(server, Load(load_binary, server, mode),
-                                                    home, args.quick)
+                            rates, more = one_round(server, Load(load_binary, server, mode),
+                                                    home, args.quick, parts)
                             for key, values in rates.items():
                                 results[mode][name]["runs"][key] += values
                             for key, value in more.items():
@@ -966,7 +978,7 @@ def main():
                     except RuntimeError as e:
                         # A server that fails now keeps its other rounds rather than costing
                         # the whole run.
-                        notes.append("%s: transfers round %d failed, left out: %s"
+                        notes.append("%s: round %d failed, left out: %s"
                                      % (name, round_no, e))
                         continue
                     finally:
@@ -977,9 +989,8 @@ def main():
                 for key, values in runs.items():
                     results[mode][name][key] = median(values)
                     results[mode][name]["spread"][key] = (min(values), max(values))
-                notes.append("%s, %s mode: medians of %d RETR, %d STOR and %d 32 x 64 MiB runs"
-                             % (name, mode, len(runs["retr"]), len(runs["stor"]),
-                                len(runs["par"])))
+                notes.append("%s, %s mode: medians of %s" % (name, mode, ", ".join(
+                    "%d %s" % (len(runs[k]), label) for k, label in RUN_LABELS if k in runs)))
     finally:
         shutil.rmtree(conf_root, ignore_errors=True)
 
