@@ -128,7 +128,12 @@ void ServerApp::stop_services() {
     }
     // SSH threads may wait inside the protocol library: their connections are shut too.
     ssh_->end_sessions();
-    server_.workers.wait_idle(std::chrono::seconds(10));
+    // Every worker holds the server: it must not outlive it. Their waits (connects, look-ups,
+    // sends) end on the stop flag within a moment, so the second wait is only a safety net.
+    if (!server_.workers.wait_idle(std::chrono::seconds(10))) {
+        server_.log.logf("Waiting for %i command threads to end", server_.workers.running());
+        server_.workers.wait_idle(std::chrono::hours(24));
+    }
 }
 
 void ServerApp::save_tables() {

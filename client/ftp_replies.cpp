@@ -70,35 +70,39 @@ uint8_t classify_reply(uint8_t state, int code, std::string_view piece) {
     }
 }
 
-LoginStep login_step(uint8_t state, int code, bool crlf) {
+LoginStep login_step(uint8_t state, int code, std::string_view piece) {
+    bool crlf = ends_crlf(piece);
     LoginStep step;
+    // The three ways a reply moves the dialogue on.
+    auto ask = [&](uint8_t next, Ask question) {
+        step.state = next;
+        step.ask = question;
+        step.post_pending = true;
+    };
+    auto log_in = [&] {
+        step.state = kBusy;
+        step.logged_in = true;
+    };
+    auto give_up = [&] {
+        step.state = kIdle;
+        step.prompt = true;
+    };
     switch (state) {
     case kGreeting:
-        if (code == 220) {
-            step.state = kUserAsked;
-            step.ask = crlf ? Ask::User : Ask::None;
-            step.post_pending = true;
-        } else if (code == 120 || code == 421) {
-            step.state = kIdle;
-            step.prompt = true;
-        }
+        if (code == 220)
+            ask(kUserAsked, crlf ? Ask::User : Ask::None);
+        else if (code == 120 || code == 421)
+            give_up();
         break;
     case kUserAsked:
         if (code == 331) {
-            step.state = kPasswordAsked;
-            step.ask = Ask::Password;
-            step.post_pending = true;
+            ask(kPasswordAsked, Ask::Password);
         } else if (code == 230) {
-            step.state = kBusy;
-            step.logged_in = true;
-            step.start_ascii = crlf;
+            log_in();
         } else if (code == 332) {
-            step.state = kAccountAsked;
-            step.ask = Ask::Account;
-            step.post_pending = true;
+            ask(kAccountAsked, Ask::Account);
         } else if (one_of(code, {120, 421, 500, 501, 530, 550})) {
-            step.state = kIdle;
-            step.prompt = true;
+            give_up();
         } else {
             step.state = kUserAsked;
             step.ask = crlf ? Ask::User : Ask::None;
@@ -106,33 +110,26 @@ LoginStep login_step(uint8_t state, int code, bool crlf) {
         break;
     case kPasswordAsked:
         step.cr_first = true;
-        if (code == 230) {
-            step.state = kBusy;
-            step.logged_in = true;
-            step.start_ascii = true;
-        } else if (code == 332) {
-            step.state = kAccountAsked;
-            step.ask = Ask::Account;
-            step.post_pending = true;
-        } else if (one_of(code, {202, 421, 500, 501, 503, 530})) {
-            step.state = kIdle;
-            step.prompt = true;
-        }
+        if (code == 230)
+            log_in();
+        else if (code == 332)
+            ask(kAccountAsked, Ask::Account);
+        else if (one_of(code, {202, 421, 500, 501, 503, 530}))
+            give_up();
         break;
     case kAccountAsked:
         step.cr_first = true;
-        if (code == 230 || code == 502) {
-            step.state = kBusy;
-            step.logged_in = true;
-            step.start_ascii = true;
-        } else if (one_of(code, {202, 421, 500, 501, 503, 530})) {
-            step.state = kIdle;
-            step.prompt = true;
-        }
+        if (code == 230 || code == 502)
+            log_in();
+        else if (one_of(code, {202, 421, 500, 501, 503, 530}))
+            give_up();
         break;
     default:
         break;
     }
+    // The ASCII thread starts once the whole login reply is in; a reply cut short of its last
+    // line starts it when the rest arrives.
+    step.start_ascii = step.logged_in && completes_reply(piece, code);
     return step;
 }
 

@@ -58,8 +58,8 @@ struct LoginStep {
     bool post_pending = false; // let a typed-ahead answer go at once
     bool prompt = false;       // the client prompt (the dialogue ended without a login)
     bool logged_in = false;    // type 'A'; the ASCII thread sets the server's type
-    bool start_ascii = false;  // start the ASCII thread now
+    bool start_ascii = false;  // start the ASCII thread now (the reply's last line is in)
 };
-LoginStep login_step(uint8_t state, int code, bool crlf);
+LoginStep login_step(uint8_t state, int code, std::string_view piece);
 
 } // namespace orv::client

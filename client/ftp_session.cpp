@@ -6,14 +6,15 @@
 
 #include "accounts/user.hpp"
 #include "client/ftp_commands.hpp"
-#include "client/ftp_job.hpp"
 #include "client/ftp_replies.hpp"
 #include "client/ftp_threads.hpp"
 #include "client/host_lookup.hpp"
 #include "client/local_files.hpp"
 #include "client/outgoing.hpp"
+#include "client/remote_job.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
+#include "platform/name_lookup.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
 #include "vfs/tree.hpp"
@@ -29,7 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 // Sends from the event thread give up sooner than a command thread's would.
 constexpr int kEventSendTimeoutMs = 10000;
-constexpr int kConnectTimeoutMs = 20000;
 constexpr auto kWatchdogPeriod = std::chrono::seconds(2);
 
 std::string user_name(const ConnSlot& slot) {
@@ -89,7 +89,7 @@ void log_unhandled(Server& server, std::string_view piece, uint8_t state) {
 
 void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session, uint8_t state,
                  int code, std::string_view piece) {
-    LoginStep step = login_step(state, code, ends_crlf(piece));
+    LoginStep step = login_step(state, code, piece);
     if (step.cr_first)
         slot->send_text("\r");
     slot->send_text(piece);
@@ -114,12 +114,10 @@ void login_reply(Server& server, const SlotPtr& slot, const SessionPtr& session,
         post_pending_line(server, slot);
     if (step.prompt)
         send_oftp_prompt(server, slot);
-    if (step.logged_in) {
-        if (completes_reply(piece, code))
-            spawn_job(server, slot, session, "ASCII", ascii_thread, {});
-        else
-            session->ascii_after = code; // the rest of the reply starts it (state 11)
-    }
+    if (step.start_ascii)
+        spawn_job(server, slot, session, "ASCII", remote_ascii_thread, {});
+    else if (step.logged_in)
+        session->ascii_after = code; // the rest of the reply starts it (state 11)
 }
 
 // A waiting thread's reply: the state it leads to. Under the session lock, so that it cannot
@@ -160,7 +158,7 @@ void handle_reply(Server& server, const SlotPtr& slot, const SessionPtr& session
         if (state == kBusy && session->ascii_after != 0 &&
             completes_reply(piece, session->ascii_after)) {
             session->ascii_after = 0;
-            spawn_job(server, slot, session, "ASCII", ascii_thread, {});
+            spawn_job(server, slot, session, "ASCII", remote_ascii_thread, {});
         }
         return;
     }
@@ -268,7 +266,7 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
     bool known = dotted_address(host, addr);
     if (!known) {
         slot->send_text(strf("Looking up (%s)...\r\n", host.c_str()));
-        known = resolve_ipv4(host, addr);
+        known = resolve_ipv4(host, addr, kLookupTimeoutMs, &slot->stop);
         if (known) {
             host = ipv4_text(addr);
             slot->send_text(strf("Connecting to %s ...\r\n", host.c_str()));
@@ -296,8 +294,8 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
         give_up("(-1) set socket opt failed");
     } else {
         set_state(*session, *slot, kGreeting);
-        int error =
-            known && port > 0 ? connect_ipv4(fd, addr, port, kConnectTimeoutMs) : ECONNREFUSED;
+        int error = known && port > 0 ? connect_ipv4(fd, addr, port, kConnectTimeoutMs, &slot->stop)
+                                      : ECONNREFUSED;
         if (error != 0) {
             close_fd(fd);
             slot->out_socket = -1;
@@ -387,7 +385,7 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         reply_and_prompt(server, slot, "?Invalid command\r\n");
         return;
     }
-    auto job = [&](const char* name, void (*body)(FtpJob&, std::string)) {
+    auto job = [&](const char* name, void (*body)(RemoteJob&, std::string)) {
         if (connected)
             spawn_job(server, slot, session, name, body, arg);
         else
@@ -419,38 +417,38 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         ftp_quit(server, slot, session);
         break;
     case Cmd::Dir:
-        job("DIR", dir_thread);
+        job("DIR", remote_dir_thread);
         break;
     case Cmd::Cd:
-        job("CD", cd_thread);
+        job("CD", remote_cd_thread);
         break;
     case Cmd::Lcd:
         slot->send_text(change_local_dir(server, *slot, arg));
         send_oftp_prompt(server, slot);
         break;
     case Cmd::Pwd:
-        job("PWD", pwd_thread);
+        job("PWD", remote_pwd_thread);
         break;
     case Cmd::Mkdir:
-        job("MKD", mkd_thread);
+        job("MKD", remote_mkd_thread);
         break;
     case Cmd::Rmdir:
-        job("RMD", rmd_thread);
+        job("RMD", remote_rmd_thread);
         break;
     case Cmd::Delete:
-        job("DELE", dele_thread);
+        job("DELE", remote_dele_thread);
         break;
     case Cmd::Get:
-        job("GET", get_thread);
+        job("GET", remote_get_thread);
         break;
     case Cmd::Put:
-        job("PUT", put_thread);
+        job("PUT", remote_put_thread);
         break;
     case Cmd::Ascii:
-        job("ASCII", ascii_thread);
+        job("ASCII", remote_ascii_thread);
         break;
     case Cmd::Bin:
-        job("BIN", bin_thread);
+        job("BIN", remote_bin_thread);
         break;
     case Cmd::Quote:
         reply_and_prompt(server, slot,
@@ -461,7 +459,7 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         hash_command(server, slot, arg);
         break;
     case Cmd::Ls:
-        job("LS", ls_thread);
+        job("LS", remote_ls_thread);
         break;
     case Cmd::User:
         if (connected)
@@ -471,7 +469,7 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         break;
     case Cmd::Help:
     case Cmd::Question:
-        spawn_job(server, slot, session, "HELP", help_thread, {});
+        spawn_job(server, slot, session, "HELP", remote_help_thread, {});
         break;
     case Cmd::Ldir:
         connected_only([&] {
@@ -488,17 +486,17 @@ void dispatch(Server& server, const SlotPtr& slot, const SessionPtr& session,
         connected_only([&] { prompt_toggle(server, slot); });
         break;
     case Cmd::Mget:
-        connected_only([&] { spawn_job(server, slot, session, "MGET", mget_thread, arg); });
+        connected_only([&] { spawn_job(server, slot, session, "MGET", remote_mget_thread, arg); });
         break;
     case Cmd::Mput:
-        connected_only([&] { spawn_job(server, slot, session, "MPUT", mput_thread, arg); });
+        connected_only([&] { spawn_job(server, slot, session, "MPUT", remote_mput_thread, arg); });
         break;
     case Cmd::Ftp:
         connected_only(
             [&] { reply_and_prompt(server, slot, "Already connected close first\r\n"); });
         break;
     case Cmd::More:
-        connected_only([&] { spawn_job(server, slot, session, "MORE", more_thread, arg); });
+        connected_only([&] { spawn_job(server, slot, session, "MORE", remote_more_thread, arg); });
         break;
     }
 }

@@ -8,57 +8,57 @@ namespace {
 
 // Sends `text`, waits for the reply; true when it was a success. The server's own reply is
 // what the user sees.
-bool one_command(FtpJob& job, const std::string& text) {
+bool one_command(RemoteJob& job, const std::string& text) {
     job.command(text, kCommandSent);
     return job.wait_while(kCommandSent) == kCommandDone;
 }
 
-void set_type(FtpJob& job, char type, const char* name) {
+void set_type(RemoteJob& job, char type, const char* name) {
     if (one_command(job, type == 'A' ? "TYPE A\r\n" : "TYPE I\r\n"))
         job.slot->transfer_type = type;
     job.finish(name, job.control_number());
 }
 
-void with_name(FtpJob& job, const std::string& arg, const char* verb, const char* name) {
+void with_name(RemoteJob& job, const std::string& arg, const char* verb, const char* name) {
     one_command(job, std::string(verb) + " " + two_words(arg).first + "\r\n");
     job.finish(name, job.control_number());
 }
 
 } // namespace
 
-void ascii_thread(FtpJob& job, std::string) {
+void remote_ascii_thread(RemoteJob& job, std::string) {
     set_type(job, 'A', "ASCII");
 }
 
-void bin_thread(FtpJob& job, std::string) {
+void remote_bin_thread(RemoteJob& job, std::string) {
     set_type(job, 'I', "BIN");
 }
 
-void dele_thread(FtpJob& job, std::string arg) {
+void remote_dele_thread(RemoteJob& job, std::string arg) {
     with_name(job, arg, "DELE", "DELE");
 }
 
-void mkd_thread(FtpJob& job, std::string arg) {
+void remote_mkd_thread(RemoteJob& job, std::string arg) {
     with_name(job, arg, "MKD", "MKD");
 }
 
-void rmd_thread(FtpJob& job, std::string arg) {
+void remote_rmd_thread(RemoteJob& job, std::string arg) {
     with_name(job, arg, "RMD", "RMD");
 }
 
-void pwd_thread(FtpJob& job, std::string) {
+void remote_pwd_thread(RemoteJob& job, std::string) {
     one_command(job, "XPWD\r\n");
     job.finish("PWD", job.control_number());
 }
 
-void cd_thread(FtpJob& job, std::string arg) {
+void remote_cd_thread(RemoteJob& job, std::string arg) {
     std::string name = two_words(arg).first;
     if (!name.empty())
         one_command(job, "CWD " + name + "\r\n");
     job.finish("CD", job.control_number());
 }
 
-void help_thread(FtpJob& job, std::string) {
+void remote_help_thread(RemoteJob& job, std::string) {
     job.say(kHelpText);
     job.finish("HELP", job.user_socket());
 }

@@ -30,18 +30,18 @@ struct FileCloser {
 using TempFile = std::unique_ptr<FILE, FileCloser>;
 
 // The data command's reply let the transfer go on (and was no refusal in disguise).
-bool data_command_accepted(FtpJob& job, uint8_t state, uint8_t ok_state) {
+bool data_command_accepted(RemoteJob& job, uint8_t state, uint8_t ok_state) {
     return (state == ok_state || state == kTransferDone) && !job.refused();
 }
 
-void report_port_failure(FtpJob& job) {
+void report_port_failure(RemoteJob& job) {
     job.log(kPortFailed);
     job.say(kPortFailed);
 }
 
 // Reads a data connection to its end in pieces of `block` bytes, handing each to `sink`; gives
 // up when the server stays silent for the reply time-out or the session ends. Closes it.
-template <class Sink> void drain_data(FtpJob& job, int data_fd, size_t block, Sink sink) {
+template <class Sink> void drain_data(RemoteJob& job, int data_fd, size_t block, Sink sink) {
     std::vector<char> buffer(block);
     int idle = 0;
     int idle_limit = job.reply_timeout_ms();
@@ -64,14 +64,14 @@ template <class Sink> void drain_data(FtpJob& job, int data_fd, size_t block, Si
 
 // Copies a listing to the user unchanged, in 32768-byte pieces. A user who has gone gets
 // nothing; the listing is still read to its end so that the server's "226" comes.
-void relay_listing(FtpJob& job, int data_fd) {
+void relay_listing(RemoteJob& job, int data_fd) {
     drain_data(job, data_fd, 32768, [&job](const char* data, size_t size) {
         job.slot->send_bytes(data, size);
         return true;
     });
 }
 
-void listing(FtpJob& job, const std::string& arg, bool long_form) {
+void listing(RemoteJob& job, const std::string& arg, bool long_form) {
     std::string path = two_words(arg).first;
     bool switched = job.type_to_ascii();
     int listen_fd = job.open_data_port();
@@ -101,7 +101,7 @@ void listing(FtpJob& job, const std::string& arg, bool long_form) {
 }
 
 // False after telling the user why the local file of a get or put could not be opened.
-bool local_file_ready(FtpJob& job, OpenResult result) {
+bool local_file_ready(RemoteJob& job, OpenResult result) {
     switch (result) {
     case OpenResult::Denied:
         job.say("local file: permission denied\r\n");
@@ -118,7 +118,7 @@ bool local_file_ready(FtpJob& job, OpenResult result) {
 // The data connection of a RETR or STOR (`command`): the port opened, the command sent once the
 // remote side took the PORT, the connection accepted and the transfer state entered. -1 when
 // any step fails.
-int start_file_transfer(FtpJob& job, const std::string& command) {
+int start_file_transfer(RemoteJob& job, const std::string& command) {
     int listen_fd = job.open_data_port();
     if (listen_fd < 0) {
         report_port_failure(job);
@@ -137,7 +137,7 @@ int start_file_transfer(FtpJob& job, const std::string& command) {
 }
 
 // Steps 3 to 7 of a get: `remote` into `name` in `dir`.
-void fetch(FtpJob& job, const NodePtr& dir, const std::string& name, const std::string& remote,
+void fetch(RemoteJob& job, const NodePtr& dir, const std::string& name, const std::string& remote,
            const NodePtr& start_cwd) {
     std::shared_ptr<User> user = job.user();
     ReceiveTarget target;
@@ -159,7 +159,7 @@ void fetch(FtpJob& job, const NodePtr& dir, const std::string& name, const std::
 }
 
 // Sends one local file (already opened) as `remote`.
-void deliver(FtpJob& job, SendSource& source, const std::string& remote, bool multiple) {
+void deliver(RemoteJob& job, SendSource& source, const std::string& remote, bool multiple) {
     int data_fd = start_file_transfer(job, "STOR " + remote + "\r\n");
     if (data_fd < 0)
         return;
@@ -171,12 +171,12 @@ void deliver(FtpJob& job, SendSource& source, const std::string& remote, bool mu
 }
 
 // Opens a local file for put; false after telling the user why not.
-bool open_source(FtpJob& job, SendSource& source, const NodePtr& dir, const std::string& name) {
+bool open_source(RemoteJob& job, SendSource& source, const NodePtr& dir, const std::string& name) {
     std::shared_ptr<User> user = job.user();
     return local_file_ready(job, source.open(job.server, user.get(), dir, name));
 }
 
-void log_search_failure(FtpJob& job, const char* text) {
+void log_search_failure(RemoteJob& job, const char* text) {
     job.log(text);
     job.log(strf("%i", job.slot->state.load()));
     job.log(strf("%i", job.slot->ghost.load()));
@@ -184,7 +184,7 @@ void log_search_failure(FtpJob& job, const char* text) {
 
 // The name list of an mget (or the file of a more) fetched into a temporary file in ASCII.
 // `verb` is "NLST" or "RETR"; the refusal of it is logged with `refused_text`.
-bool fetch_to_temp(FtpJob& job, FILE* temp, const std::string& verb, const std::string& what,
+bool fetch_to_temp(RemoteJob& job, FILE* temp, const std::string& verb, const std::string& what,
                    const char* refused_text, bool with_progress) {
     bool switched = job.type_to_ascii();
     bool ok = false;
@@ -241,15 +241,15 @@ bool next_list_line(FILE* f, std::string& line) {
 
 } // namespace
 
-void dir_thread(FtpJob& job, std::string arg) {
+void remote_dir_thread(RemoteJob& job, std::string arg) {
     listing(job, arg, true);
 }
 
-void ls_thread(FtpJob& job, std::string arg) {
+void remote_ls_thread(RemoteJob& job, std::string arg) {
     listing(job, arg, false);
 }
 
-void get_thread(FtpJob& job, std::string arg) {
+void remote_get_thread(RemoteJob& job, std::string arg) {
     NodePtr start_cwd = job.slot->cwd();
     TwoWords words = two_words(arg);
     if (words.first.empty()) {
@@ -269,7 +269,7 @@ void get_thread(FtpJob& job, std::string arg) {
     job.finish("GET", job.user_socket());
 }
 
-void put_thread(FtpJob& job, std::string arg) {
+void remote_put_thread(RemoteJob& job, std::string arg) {
     TwoWords words = two_words(arg);
     if (words.first.empty()) {
         job.say("PUT: missing filename\r\n");
@@ -289,7 +289,7 @@ void put_thread(FtpJob& job, std::string arg) {
     job.finish("PUT", job.user_socket());
 }
 
-void mget_thread(FtpJob& job, std::string arg) {
+void remote_mget_thread(RemoteJob& job, std::string arg) {
     NodePtr start_cwd = job.slot->cwd();
     TwoWords words = two_words(arg);
     if (words.first.empty()) {
@@ -336,7 +336,7 @@ void mget_thread(FtpJob& job, std::string arg) {
     job.finish("MGET", job.user_socket());
 }
 
-void mput_thread(FtpJob& job, std::string arg) {
+void remote_mput_thread(RemoteJob& job, std::string arg) {
     std::string pattern = two_words(arg).first;
     if (pattern.empty()) {
         job.say("MPUT: missing filename or wildcard\r\n");
@@ -385,7 +385,7 @@ void mput_thread(FtpJob& job, std::string arg) {
     job.finish("MPUT", job.user_socket());
 }
 
-void more_thread(FtpJob& job, std::string arg) {
+void remote_more_thread(RemoteJob& job, std::string arg) {
     std::string name = two_words(arg).first;
     std::string done = strf("(%i) FTP more thread complete", job.user_socket());
     if (has_wildcard(name)) {

@@ -8,8 +8,10 @@ namespace orv::client {
 
 // "a.b.c.d" as typed: no lookup needed.
 bool dotted_address(const std::string& host, uint32_t& addr_be);
-// The first IPv4 address of a host name (blocking; called on a command thread).
-bool resolve_ipv4(const std::string& host, uint32_t& addr_be);
+// How long an outgoing `open` waits for the host name's address and then for the connection;
+// both waits also end when the session's stop flag is raised.
+constexpr int kLookupTimeoutMs = 15000;
+constexpr int kConnectTimeoutMs = 20000;
 // The port word's decimal value; absent or 0 gives `default_port`, and a value no TCP port
 // can have gives -1 (the connect then fails as a refused one does).
 int port_number(std::string_view word, int default_port);

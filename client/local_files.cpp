@@ -19,28 +19,12 @@
 namespace orv::client {
 namespace {
 
-// Marks a node busy while a transfer uses it, unless somebody else has marked it.
-NodePtr mark_busy(const NodePtr& node) {
-    uint8_t expected = kStatusNormal;
-    if (node && node->status.compare_exchange_strong(expected, kStatusBusy))
-        return node;
-    return nullptr;
-}
-
 // The group a received file shows: one named after the user, which has no members.
 std::shared_ptr<Group> user_named_group(const User& user) {
     auto group = std::make_shared<Group>();
     group->gid = user.uid;
     group->name = user.name;
     return group;
-}
-
-void unmark_busy(NodePtr& node) {
-    if (node) {
-        uint8_t expected = kStatusBusy;
-        node->status.compare_exchange_strong(expected, kStatusNormal);
-        node = nullptr;
-    }
 }
 
 } // namespace
@@ -89,7 +73,7 @@ OpenResult ReceiveTarget::open(Server& server, const User* user, const NodePtr& 
             return OpenResult::Failed;
     }
     if (existing) {
-        busy_ = mark_busy(existing);
+        busy_ = BusyMark(existing);
         if (!busy_)
             return OpenResult::Denied; // in use by another transfer, or being unmounted
     }
@@ -140,7 +124,7 @@ void ReceiveTarget::close() {
         ::close(dir_fd_);
         dir_fd_ = -1;
     }
-    unmark_busy(busy_);
+    busy_.release();
 }
 
 bool add_received_file(Server& server, const std::shared_ptr<User>& user, const NodePtr& dir,
@@ -214,7 +198,7 @@ OpenResult SendSource::open(Server& server, const User* user, const NodePtr& nod
     fd_ = open_host_file(path, true);
     if (fd_ < 0)
         return OpenResult::Failed;
-    busy_ = mark_busy(node);
+    busy_ = BusyMark(node); // unless somebody else has marked it
     return OpenResult::Ok;
 }
 
@@ -223,7 +207,7 @@ void SendSource::close() {
         ::close(fd_);
         fd_ = -1;
     }
-    unmark_busy(busy_);
+    busy_.release();
 }
 
 std::string change_local_dir(Server& server, ConnSlot& slot, std::string arg) {

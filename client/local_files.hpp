@@ -1,6 +1,7 @@
 #pragma once
 // The FTP client's local side is the user's view of the virtual file system: where a received
 // file goes, which sent file may be read, and how a received file enters the tree.
+#include "vfs/busy_mark.hpp"
 #include "vfs/node.hpp"
 
 #include <cstdint>
@@ -54,7 +55,7 @@ class ReceiveTarget {
     bool created_ = false;
     bool begun_ = false;
     uint32_t size_ = 0;
-    NodePtr busy_; // an existing node marked busy while it is rewritten
+    BusyMark busy_; // an existing node marked busy while it is rewritten
 };
 
 // Adds a received file of `size` bytes to the directory, or re-initialises the node of that
@@ -74,7 +75,7 @@ class SendSource {
 
   private:
     int fd_ = -1;
-    NodePtr busy_;
+    BusyMark busy_;
 };
 
 // The shell's `cd` rules applied to the client's local directory: the answer to send.

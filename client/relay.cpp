@@ -8,6 +8,7 @@
 #include "client/outgoing.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
+#include "platform/name_lookup.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
 #include "vfs/tree.hpp"
@@ -21,7 +22,6 @@
 namespace orv::client {
 namespace {
 
-constexpr int kConnectTimeoutMs = 20000;
 // The host is not read while this much waits for the user; reading resumes below half of it.
 constexpr size_t kHostPauseBytes = 1 << 20;
 
@@ -227,7 +227,7 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
     uint32_t addr = 0;
     if (!dotted_address(host, addr)) {
         slot->send_text(strf("Looking up (%s)...\r\n", host.c_str()));
-        if (!resolve_ipv4(host, addr)) {
+        if (!resolve_ipv4(host, addr, kLookupTimeoutMs, &slot->stop)) {
             server.log_message("*** DNS Failed! ***");
             slot->send_text("DNS failed!\r\n");
             stop();
@@ -255,7 +255,8 @@ void open_thread(Server& server, const SlotPtr& slot, const SessionPtr& session,
         return give_up("(-1) Outgoing Telnet set socket opt failed");
     }
     set_state(*session, *slot, kRelayConnecting);
-    int error = port > 0 ? connect_ipv4(fd, addr, port, kConnectTimeoutMs) : ECONNREFUSED;
+    int error =
+        port > 0 ? connect_ipv4(fd, addr, port, kConnectTimeoutMs, &slot->stop) : ECONNREFUSED;
     if (error != 0) {
         close_fd(fd);
         slot->out_socket = -1;

@@ -1,12 +1,12 @@
 #include "core/extensions.hpp"
 
 #include "platform/ini.hpp"
+#include "platform/name_lookup.hpp"
 #include "platform/text.hpp"
 
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstring>
-#include <netdb.h>
 
 namespace orv {
 
@@ -23,21 +23,6 @@ void report(std::vector<std::string>& problems, const char* key, const std::stri
             const char* wanted) {
     problems.push_back(
         strf("Settings: [Extensions] %s=%s %s, ignored", key, log_safe(text).c_str(), wanted));
-}
-
-uint32_t resolve_ipv4(const std::string& host) {
-    in_addr addr{};
-    if (::inet_pton(AF_INET, host.c_str(), &addr) == 1)
-        return addr.s_addr;
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || !found)
-        return 0;
-    uint32_t out = reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr.s_addr;
-    ::freeaddrinfo(found);
-    return out;
 }
 
 } // namespace
@@ -95,7 +80,8 @@ Extensions read_extensions(const IniFile& ini) {
         report(e.problems, "passive_ports", range, "is not a port range LOW-HIGH");
     e.passive_address = ini.get_string(kSection, "passive_address", "");
     if (!e.passive_address.empty()) {
-        e.passive_ipv4 = resolve_ipv4(e.passive_address);
+        uint32_t addr = 0;
+        e.passive_ipv4 = resolve_ipv4(e.passive_address, addr, 5000) ? addr : 0;
         if (e.passive_ipv4 == 0)
             report(e.problems, "passive_address", e.passive_address, "cannot be resolved");
     }

@@ -54,27 +54,11 @@ void Log::log_message(std::string_view text) {
 }
 
 void Log::logf(const char* format, ...) {
-    char small[512];
     va_list args;
     va_start(args, format);
-    va_list again;
-    va_copy(again, args);
-    int n = std::vsnprintf(small, sizeof small, format, args);
+    std::string text = vstrf(format, args);
     va_end(args);
-    if (n < 0) {
-        va_end(again);
-        return;
-    }
-    if (static_cast<size_t>(n) < sizeof small) {
-        va_end(again);
-        log_message(std::string_view(small, static_cast<size_t>(n)));
-        return;
-    }
-    std::string big(static_cast<size_t>(n) + 1, '\0');
-    std::vsnprintf(big.data(), big.size(), format, again);
-    va_end(again);
-    big.resize(static_cast<size_t>(n));
-    log_message(big);
+    log_message(text);
 }
 
 } // namespace orv

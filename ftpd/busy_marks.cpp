@@ -1,5 +1,7 @@
 #include "ftpd/busy_marks.hpp"
 
+#include "vfs/busy_mark.hpp"
+
 namespace orv {
 
 void BusyMarks::acquire(const NodePtr& node) {
@@ -7,8 +9,7 @@ void BusyMarks::acquire(const NodePtr& node) {
     Entry& e = entries_[node.get()];
     if (e.count++ == 0) {
         e.node = node;
-        uint8_t normal = kStatusNormal;
-        e.owned = node->status.compare_exchange_strong(normal, kStatusBusy);
+        e.owned = try_mark_busy(*node);
     }
 }
 
@@ -20,9 +21,7 @@ void BusyMarks::release(const NodePtr& node) {
     if (--it->second.count > 0)
         return;
     if (it->second.owned) {
-        // An unmount may have moved on meanwhile; only a mark that is still ours goes back.
-        uint8_t busy = kStatusBusy;
-        node->status.compare_exchange_strong(busy, kStatusNormal);
+        clear_busy(*node); // unless an unmount has taken the node meanwhile
     }
     entries_.erase(it);
 }

@@ -5,6 +5,7 @@
 #include "ftpd/replies.hpp"
 #include "platform/files.hpp"
 #include "platform/text.hpp"
+#include "vfs/busy_mark.hpp"
 #include "vfs/tree.hpp"
 
 #include <cerrno>
@@ -29,12 +30,6 @@ NodePtr resolve(const Server& server, const User* user, const NodePtr& cwd, std:
     if (!cwd && (path.empty() || !is_separator(path.front())))
         return nullptr;
     return find_node(*server.vfs, path, cwd);
-}
-
-// Gives a mark back that this command set, unless an unmount has taken the node meanwhile.
-void clear_busy(VfsNode& node) {
-    uint8_t busy = kStatusBusy;
-    node.status.compare_exchange_strong(busy, kStatusNormal);
 }
 
 bool is_mount_point(const VfsNode& node, const VfsNode& parent) {
@@ -166,8 +161,7 @@ std::string remove_directory(Server& server, const ConnSlot& slot, std::string a
         if (!parent || is_mount_point(*node, *parent) || !can_read(user.get(), *node) ||
             !can_write(user.get(), *node) || !can_write(user.get(), *parent))
             return strf(ftp_text::kRmdDeniedFmt, "");
-        uint8_t normal = kStatusNormal;
-        if (!node->status.compare_exchange_strong(normal, kStatusBusy))
+        if (!try_mark_busy(*node))
             return ftp_text::kRmdBusy;
         host = node_host_path(*server.vfs, *node);
     }
@@ -199,8 +193,7 @@ std::string delete_file(Server& server, const ConnSlot& slot, std::string argume
         if (!node || !can_write(user.get(), *node))
             return ftp_text::kPermissionsDenied;
         // A file in transfer cannot go, as the host refuses to delete an open file.
-        uint8_t normal = kStatusNormal;
-        if (!node->status.compare_exchange_strong(normal, kStatusBusy))
+        if (!try_mark_busy(*node))
             return ftp_text::kDeleFailed;
         real = node_real_path(*server.vfs, *node);
     }

@@ -15,6 +15,7 @@
 #include "ftpd/replies.hpp"
 #include "platform/files.hpp"
 #include "platform/text.hpp"
+#include "vfs/busy_mark.hpp"
 
 #include <cerrno>
 #include <charconv>
@@ -413,8 +414,7 @@ std::string modern_delete(Server& server, ConnSlot& slot, const std::string& pat
         if (!node || !parent || node->is_dir() || !can_write(user.get(), *parent) ||
             !can_write(user.get(), *node))
             return ftp_text::kPermissionsDenied;
-        uint8_t normal = kStatusNormal;
-        if (!node->status.compare_exchange_strong(normal, kStatusBusy))
+        if (!try_mark_busy(*node))
             return ftp_text::kDeleFailed;
         dir = node_host_path(*server.vfs, *parent);
     }
@@ -423,8 +423,7 @@ std::string modern_delete(Server& server, ConnSlot& slot, const std::string& pat
     if (fd >= 0)
         ::close(fd);
     if (!ok) {
-        uint8_t busy = kStatusBusy;
-        node->status.compare_exchange_strong(busy, kStatusNormal);
+        clear_busy(*node);
         return ftp_text::kDeleFailed;
     }
     std::unique_lock lock(server.tree_mutex);

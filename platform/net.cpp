@@ -1,5 +1,6 @@
 #include "platform/net.hpp"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -97,7 +98,7 @@ int bind_any(int fd, int port) {
     return 0;
 }
 
-int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms) {
+int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms, const std::atomic<int>* stop) {
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = addr_be;
@@ -109,7 +110,14 @@ int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms) {
     if (rc != 0) {
         err = errno;
         if (err == EINPROGRESS) {
-            if (!wait_writable(fd, timeout_ms)) {
+            // Short slices, so that a raised stop flag ends the wait promptly.
+            bool writable = false;
+            for (int left = timeout_ms; left > 0 && !writable; left -= 100) {
+                if (stop && stop->load() != 0)
+                    break;
+                writable = wait_writable(fd, std::min(left, 100));
+            }
+            if (!writable) {
                 err = ETIMEDOUT;
             } else {
                 socklen_t len = sizeof err;

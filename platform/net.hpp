@@ -32,8 +32,10 @@ std::string ipv4_text(uint32_t addr_be);
 
 // Binds to INADDR_ANY:port. Returns 0 or the errno value.
 int bind_any(int fd, int port);
-// Connects with a time-out (the socket stays blocking afterwards). Returns 0 or an errno value.
-int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms);
+// Connects with a time-out (the socket stays blocking afterwards). Returns 0 or an errno value
+// (ETIMEDOUT also when `*stop` became non-zero while waiting).
+int connect_ipv4(int fd, uint32_t addr_be, int port, int timeout_ms,
+                 const std::atomic<int>* stop = nullptr);
 
 // Local and peer IPv4 address of a connected socket (network order); false when unknown.
 bool local_ipv4(int fd, uint32_t& addr_be, int& port);

@@ -6,27 +6,28 @@
 
 namespace orv {
 
-std::string strf(const char* format, ...) {
+std::string vstrf(const char* format, va_list args) {
     char small[512];
-    va_list args;
-    va_start(args, format);
     va_list again;
     va_copy(again, args);
     int n = std::vsnprintf(small, sizeof small, format, args);
-    va_end(args);
     std::string out;
-    if (n < 0) {
-        va_end(again);
-        return out;
-    }
-    if (static_cast<size_t>(n) < sizeof small) {
+    if (n >= 0 && static_cast<size_t>(n) < sizeof small) {
         out.assign(small, static_cast<size_t>(n));
-    } else {
+    } else if (n >= 0) {
         out.resize(static_cast<size_t>(n) + 1);
         std::vsnprintf(out.data(), out.size(), format, again);
         out.resize(static_cast<size_t>(n));
     }
     va_end(again);
+    return out;
+}
+
+std::string strf(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string out = vstrf(format, args);
+    va_end(args);
     return out;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 // printf-style formatting and the C-like number conversions the file formats rely on.
+#include <cstdarg>
 #include <string>
 #include <string_view>
 
@@ -7,6 +8,7 @@ namespace orv {
 
 // The one formatting helper: every reply and log text is a printf format.
 std::string strf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string vstrf(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 
 // Plain decimal conversion as atoi does it: leading blanks, a sign, digits; anything else
 // stops the conversion and text that is not a number gives 0. Saturates instead of overflowing.

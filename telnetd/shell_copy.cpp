@@ -7,6 +7,7 @@
 #include "platform/text.hpp"
 #include "telnetd/shell_files.hpp"
 #include "telnetd/shell_paths.hpp"
+#include "vfs/busy_mark.hpp"
 #include "vfs/entry_rules.hpp"
 #include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
@@ -70,7 +71,7 @@ class CopyJob {
     NodePtr source_; // the source node, or the source directory of a pattern
     NodePtr dest_;
     HostPath dest_host_;
-    bool dest_marked_ = false;
+    BusyMark dest_mark_;
 };
 
 void CopyJob::run(std::string arg) {
@@ -93,8 +94,7 @@ void CopyJob::run(std::string arg) {
             }
         }
     }
-    if (dest_marked_)
-        dest_->status = kStatusNormal;
+    dest_mark_.release();
 }
 
 bool CopyJob::prepare(std::string arg) {
@@ -144,10 +144,8 @@ bool CopyJob::prepare(std::string arg) {
         say(strf("cp: %s; File Busy\r\n", dest_->name.c_str()));
         refused = true;
     }
-    uint8_t expected = kStatusNormal;
-    if (refused || !dest_->status.compare_exchange_strong(expected, kStatusBusy))
+    if (refused || !(dest_mark_ = BusyMark(dest_)))
         return false;
-    dest_marked_ = true;
     dest_host_ = node_host_path(tree, *dest_);
     return true;
 }
@@ -156,6 +154,7 @@ bool CopyJob::copy_item(const NodePtr& item) {
     std::string name;
     std::string refusal;
     std::vector<CopyEntry> entries;
+    BusyMark item_mark;
     {
         std::shared_lock lock(server_.tree_mutex);
         name = item->name;
@@ -163,8 +162,7 @@ bool CopyJob::copy_item(const NodePtr& item) {
             say(strf("cp: %s; Unmounting!\r\n", name.c_str()));
             return false;
         }
-        uint8_t expected = kStatusNormal;
-        if (item != dest_ && !item->status.compare_exchange_strong(expected, kStatusBusy)) {
+        if (item != dest_ && !(item_mark = BusyMark(item))) {
             say(strf("cp: %s; File Busy\r\n", name.c_str()));
             return true;
         }
@@ -176,8 +174,6 @@ bool CopyJob::copy_item(const NodePtr& item) {
         execute(entries, name);
         add_nodes(entries, name);
     }
-    if (item != dest_)
-        item->status = kStatusNormal;
     return true;
 }
 

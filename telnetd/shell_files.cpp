@@ -6,6 +6,7 @@
 #include "platform/text.hpp"
 #include "telnetd/shell_paths.hpp"
 #include "telnetd/telnet_input.hpp"
+#include "vfs/busy_mark.hpp"
 #include "vfs/entry_rules.hpp"
 #include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
@@ -75,11 +76,10 @@ std::string remove_directory(Server& server, const SlotPtr& slot, const std::str
     if (!parent || is_mount_point(*node) || !can_read(user.get(), *node) ||
         !can_write(user.get(), *node) || !may_take_out(user.get(), *node))
         return strf("rmdir: Permissions Denied \"%s\"\r\n", word.c_str());
-    uint8_t expected = kStatusNormal;
-    if (!node->status.compare_exchange_strong(expected, kStatusBusy))
+    BusyMark mark(node);
+    if (!mark)
         return "rmdir: File Busy\r\n";
     if (!remove_host_dir(node_host_path(tree, *node))) {
-        node->status = kStatusNormal;
         std::string last = word.substr(
             word.find_last_of("\\/") == std::string::npos ? 0 : word.find_last_of("\\/") + 1);
         return strf("rmdir: Failed to remove directory \"%s\"; in Use\r\n", last.c_str());
@@ -87,7 +87,6 @@ std::string remove_directory(Server& server, const SlotPtr& slot, const std::str
     if (slot->cwd() == node)
         slot->set_cwd(parent);
     free_subtree(node, &server.memory_allocated, graveyard);
-    node->status = kStatusNormal;
     return {};
 }
 

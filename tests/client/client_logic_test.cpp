@@ -56,32 +56,36 @@ TEST(ClientReplies, WaitingStatesFollowTheTable) {
 }
 
 TEST(ClientReplies, LoginDialogue) {
-    LoginStep greet = login_step(kGreeting, 220, true);
+    LoginStep greet = login_step(kGreeting, 220, "220 ready\r\n");
     EXPECT_EQ(greet.state, kUserAsked);
     EXPECT_EQ(greet.ask, Ask::User);
     EXPECT_TRUE(greet.post_pending);
     // A greeting cut in two asks only after the part that ends the line.
-    EXPECT_EQ(login_step(kGreeting, 220, false).ask, Ask::None);
-    EXPECT_TRUE(login_step(kGreeting, 421, true).prompt);
-    EXPECT_EQ(login_step(kGreeting, 500, true).state, 0);
+    EXPECT_EQ(login_step(kGreeting, 220, "220 rea").ask, Ask::None);
+    EXPECT_TRUE(login_step(kGreeting, 421, "421 busy\r\n").prompt);
+    EXPECT_EQ(login_step(kGreeting, 500, "500 what\r\n").state, 0);
 
-    EXPECT_EQ(login_step(kUserAsked, 331, false).ask, Ask::Password);
-    EXPECT_TRUE(login_step(kUserAsked, 230, false).logged_in);
-    EXPECT_FALSE(login_step(kUserAsked, 230, false).start_ascii); // not before the line ends
-    EXPECT_TRUE(login_step(kUserAsked, 230, true).start_ascii);
-    EXPECT_EQ(login_step(kUserAsked, 332, true).ask, Ask::Account);
-    EXPECT_EQ(login_step(kUserAsked, 220, true).ask, Ask::User);
+    EXPECT_EQ(login_step(kUserAsked, 331, "331 pass").ask, Ask::Password);
+    EXPECT_TRUE(login_step(kUserAsked, 230, "230 in").logged_in);
+    EXPECT_FALSE(login_step(kUserAsked, 230, "230 in").start_ascii); // not before the line ends
+    EXPECT_TRUE(login_step(kUserAsked, 230, "230 in\r\n").start_ascii);
+    EXPECT_EQ(login_step(kUserAsked, 332, "332 acct\r\n").ask, Ask::Account);
+    EXPECT_EQ(login_step(kUserAsked, 220, "220 again\r\n").ask, Ask::User);
 
-    LoginStep pass = login_step(kPasswordAsked, 230, false);
+    LoginStep pass = login_step(kPasswordAsked, 230, "230-welcome\r\n230 in\r\n");
     EXPECT_TRUE(pass.cr_first);
-    EXPECT_TRUE(pass.start_ascii); // whatever the line end
+    EXPECT_TRUE(pass.start_ascii);
     EXPECT_EQ(pass.state, kBusy);
-    EXPECT_TRUE(login_step(kPasswordAsked, 503, true).prompt);
-    EXPECT_EQ(login_step(kPasswordAsked, 331, true).state, 0);
+    // Only the first lines of a multi-line reply: logged in, the ASCII thread waits for the rest.
+    LoginStep part = login_step(kPasswordAsked, 230, "230-welcome\r\n");
+    EXPECT_TRUE(part.logged_in);
+    EXPECT_FALSE(part.start_ascii);
+    EXPECT_TRUE(login_step(kPasswordAsked, 503, "503 no\r\n").prompt);
+    EXPECT_EQ(login_step(kPasswordAsked, 331, "331 again\r\n").state, 0);
 
-    EXPECT_TRUE(login_step(kAccountAsked, 502, true).start_ascii);
-    EXPECT_TRUE(login_step(kAccountAsked, 202, true).prompt);
-    EXPECT_TRUE(login_step(kAccountAsked, 202, true).cr_first);
+    EXPECT_TRUE(login_step(kAccountAsked, 502, "502 no accounts\r\n").start_ascii);
+    EXPECT_TRUE(login_step(kAccountAsked, 202, "202 ok\r\n").prompt);
+    EXPECT_TRUE(login_step(kAccountAsked, 202, "202 ok\r\n").cr_first);
 }
 
 TEST(ClientCommands, LookupIsExactWithTheSixteenCharacterRule) {

@@ -1,19 +1,25 @@
 // The FTP client and the relay inside a running server, driven through a Telnet session:
 // replies that arrive in awkward pieces, silent servers, the tree after a get, users who go
-// away mid-command, and traffic in both directions at once.
+// away mid-command, traffic in both directions at once, and a server stopped under stuck
+// connects and look-ups.
 #include "client/fake_ftp_peer.hpp"
 #include "client/ftp_replies.hpp"
 #include "client/session.hpp"
 #include "core/server.hpp"
+#include "platform/name_lookup.hpp"
 #include "support/test_server.hpp"
 #include "telnetd/shell_client.hpp"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <array>
+#include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -107,15 +113,7 @@ class LoopbackHost {
   public:
     explicit LoopbackHost(std::string out, size_t close_after = 0)
         : out_(std::move(out)), close_after_(close_after) {
-        listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
-        socklen_t len = sizeof sa;
-        ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);
-        port_ = ntohs(sa.sin_port);
-        ::listen(listen_fd_, 1);
+        listen_fd_ = loopback_listener(1, port_);
         thread_ = std::thread([this] { run(); });
     }
     ~LoopbackHost() {
@@ -323,6 +321,34 @@ TEST(ClientProtocol, ReceivedFileIsRenewedInPlace) {
     EXPECT_EQ(c.home_file("box/b.txt"), "fresh contents");
 }
 
+TEST(ClientProtocol, LocalWriteFailureReadsTheRestAndStaysInStep) {
+    ClientSession c;
+    std::string data = pattern(3 << 20, 7);
+    FakeFtpPeer peer({"220 ready\r\n"}, retr_script(data));
+    c.connect(peer);
+    c.line("hash off");
+    // Files of this process may not grow past 256 KiB while the get runs.
+    rlimit saved{};
+    ::getrlimit(RLIMIT_FSIZE, &saved);
+    auto old_handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = saved;
+    small.rlim_cur = 256 * 1024;
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    size_t mark = c.server().log_lines().size();
+    std::string out = c.line("get big.bin");
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, old_handler);
+    // Every byte was taken from the server, which finished its transfer; the session goes on.
+    EXPECT_NE(out.find(" 3145728 bytes received in "), std::string::npos) << out;
+    std::vector<std::string> lines = c.server().log_since(mark);
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) {
+                                return l.find("local write failed") != std::string::npos;
+                            }),
+              1);
+    EXPECT_NE(c.line("pwd").find("ftp> "), std::string::npos);
+}
+
 // Answers STOR with "150 Ok.", reads the data connection to its end, then "226 Done.".
 struct StoredFiles {
     std::mutex mutex;
@@ -502,4 +528,59 @@ TEST(ClientConcurrency, ShutdownDuringATransferEndsIt) {
     c->server().stop();
     EXPECT_TRUE(peer.wait_closed(10s));
     EXPECT_EQ(c->server().server().workers.running(), 0);
+}
+
+// A loopback port whose connects never complete: its listener accepts nothing and its queue is
+// full, so further connection requests are dropped and the connecting side waits.
+class UnansweredPort {
+  public:
+    UnansweredPort() {
+        listener_ = loopback_listener(0, port_);
+        sockaddr_in sa{};
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sa.sin_port = htons(static_cast<uint16_t>(port_));
+        for (int& fd : fillers_) {
+            fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            ::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+        }
+        std::this_thread::sleep_for(200ms);
+    }
+    ~UnansweredPort() {
+        for (int fd : fillers_)
+            ::close(fd);
+        ::close(listener_);
+    }
+    int port() const { return port_; }
+
+  private:
+    int listener_ = -1;
+    int port_ = 0;
+    std::array<int, 3> fillers_{};
+};
+
+TEST(ClientConcurrency, ShutdownEndsAHangingConnectAndALookupThatNeverAnswers) {
+    // The resolver answers only when the test lets it, long after the server has gone.
+    auto gate = std::make_shared<std::mutex>();
+    gate->lock();
+    orv::set_name_resolver([gate](const std::string&, uint32_t& addr) {
+        std::lock_guard wait(*gate);
+        addr = htonl(INADDR_LOOPBACK);
+        return true;
+    });
+    UnansweredPort unanswered;
+    {
+        auto c = std::make_unique<ClientSession>();
+        ShellClient second(c->server().telnet_port());
+        second.login("demo", "demo-pass");
+        c->line("ftp 127.0.0.1 " + std::to_string(unanswered.port()), "...\r\n");
+        second.send("telnet never.example\r\n");
+        second.read_until("Looking up (never.example)...\r\n");
+        EXPECT_EQ(c->server().server().workers.running(), 2);
+        c->server().stop();
+        // Both commands gave up on the stop flag; nothing runs on after the server.
+        EXPECT_EQ(c->server().server().workers.running(), 0);
+    }
+    gate->unlock();
+    orv::set_name_resolver(nullptr);
 }

@@ -1,5 +1,7 @@
 #include "client/fake_ftp_peer.hpp"
 
+#include "support/test_server.hpp"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
@@ -30,15 +32,7 @@ void send_everything(int fd, std::string_view text) {
 
 FakeFtpPeer::FakeFtpPeer(std::vector<std::string> greeting, Script script)
     : script_(std::move(script)) {
-    listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listen_fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
-    socklen_t len = sizeof sa;
-    ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&sa), &len);
-    port_ = ntohs(sa.sin_port);
-    ::listen(listen_fd_, 4);
+    listen_fd_ = test::loopback_listener(4, port_);
     thread_ =
         std::thread([this, greeting = std::move(greeting)]() mutable { run(std::move(greeting)); });
 }

@@ -3,6 +3,7 @@
 #include "platform/byte_mover.hpp"
 #include "platform/net.hpp"
 #include "support/temp_dir.hpp"
+#include "support/test_server.hpp"
 
 #include <gtest/gtest.h>
 
@@ -26,15 +27,9 @@ struct Pair {
     int server = tcp_socket();
     int client = -1;
     Pair() {
-        int listener = tcp_socket();
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof sa;
-        if (::bind(listener, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-            ::listen(listener, 1) == 0 &&
-            ::getsockname(listener, reinterpret_cast<sockaddr*>(&sa), &len) == 0 &&
-            connect_ipv4(server, sa.sin_addr.s_addr, ntohs(sa.sin_port), 5000) == 0)
+        int port = 0;
+        int listener = test::loopback_listener(1, port);
+        if (listener >= 0 && connect_ipv4(server, htonl(INADDR_LOOPBACK), port, 5000) == 0)
             client = ::accept(listener, nullptr, nullptr);
         close_fd(listener);
         timeval tv{20, 0}; // no read in a test waits for ever

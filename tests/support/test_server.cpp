@@ -33,6 +33,23 @@ int free_port() {
     return 0;
 }
 
+int loopback_listener(int backlog, int& port) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof sa;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0 ||
+        ::listen(fd, backlog) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
+        if (fd >= 0)
+            ::close(fd);
+        return -1;
+    }
+    port = ntohs(sa.sin_port);
+    return fd;
+}
+
 bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     auto until = std::chrono::steady_clock::now() + limit;
     while (!done()) {

@@ -39,6 +39,9 @@ struct TestServerConfig {
 // A TCP port that is free on every address, from 20000 to 32000 (bound and released).
 int free_port();
 
+// A socket listening on 127.0.0.1 at a port the kernel picks (written to `port`), or -1.
+int loopback_listener(int backlog, int& port);
+
 // Polls `done` until it holds or the limit passes.
 bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s);
 

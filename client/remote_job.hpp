@@ -2,7 +2,9 @@
 // What every command thread of the FTP client needs: the slot, the session and the control
 // connection it started with; the waits on the state byte that the reply handler moves; the
 // active-mode data connection; the receive and send loops; the y/n question and the pager key.
+#include "client/progress.hpp"
 #include "client/session.hpp"
+#include "platform/byte_mover.hpp"
 
 #include <cstdint>
 #include <string>
@@ -15,9 +17,9 @@ struct User;
 
 namespace client {
 
-class FtpJob {
+class RemoteJob {
   public:
-    FtpJob(Server& server, SlotPtr slot, SessionPtr session);
+    RemoteJob(Server& server, SlotPtr slot, SessionPtr session);
 
     Server& server;
     const SlotPtr slot;
@@ -65,6 +67,10 @@ class FtpJob {
     // Sends `file_fd` on the data connection with hash marks and the rate line; closes the
     // data socket.
     long send_file(int data_fd, int file_fd);
+    // The byte mover's settings for those two: the server's stop, the reply time-out as the
+    // idle limit, and the hash marks fed from the running total plus `base` (what an earlier
+    // move of the same transfer took).
+    MoveControl move_control(HashMarks& marks, const long long& base);
 
     // ---- the user ----
     // "get %s [y/n]? " and its like: true for yes (at once for a user who has gone).
@@ -79,7 +85,7 @@ class FtpJob {
 // Runs `body` on a worker thread with a job for the slot; logs
 // "**** Failed to create oftp <name> Thread ****" when no thread can be made.
 bool spawn_job(Server& server, const SlotPtr& slot, const SessionPtr& session, const char* name,
-               void (*body)(FtpJob&, std::string), std::string arg);
+               void (*body)(RemoteJob&, std::string), std::string arg);
 
 } // namespace client
 } // namespace orv

@@ -1,17 +1,20 @@
-#include "client/ftp_job.hpp"
+#include "client/remote_job.hpp"
 
 #include "client/ftp_replies.hpp"
 #include "client/progress.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
+#include "platform/byte_mover.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
 
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -22,37 +25,36 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Data moves in large blocks; the hash marks and counts do not depend on the block size.
-constexpr size_t kDataBlock = 64 * 1024;
 
 } // namespace
 
-FtpJob::FtpJob(Server& s, SlotPtr sl, SessionPtr se)
+RemoteJob::RemoteJob(Server& s, SlotPtr sl, SessionPtr se)
     : server(s), slot(std::move(sl)), session(std::move(se)), link([this] {
           std::lock_guard lock(session->mutex);
           return session->link;
       }()) {}
 
-int FtpJob::user_socket() const {
+int RemoteJob::user_socket() const {
     return slot->socket.load();
 }
 
-std::shared_ptr<User> FtpJob::user() const {
+std::shared_ptr<User> RemoteJob::user() const {
     return slot->checked_user();
 }
 
-int FtpJob::reply_timeout_ms() const {
+int RemoteJob::reply_timeout_ms() const {
     std::lock_guard lock(session->mutex);
     return session->reply_timeout_ms;
 }
 
-bool FtpJob::alive() const {
+bool RemoteJob::alive() const {
     if (server.stopping.load())
         return false;
     std::lock_guard lock(session->mutex);
     return session->link == link && (!link || link->is_open());
 }
 
-void FtpJob::set(uint8_t state) {
+void RemoteJob::set(uint8_t state) {
     {
         std::lock_guard lock(session->mutex);
         if (session->link != link || (link && !link->is_open()))
@@ -62,7 +64,7 @@ void FtpJob::set(uint8_t state) {
     session->state_changed.notify_all();
 }
 
-void FtpJob::enter_transfer() {
+void RemoteJob::enter_transfer() {
     {
         std::lock_guard lock(session->mutex);
         if (session->link != link || (link && !link->is_open()))
@@ -79,7 +81,7 @@ void FtpJob::enter_transfer() {
     session->state_changed.notify_all();
 }
 
-bool FtpJob::command(std::string_view text, uint8_t state) {
+bool RemoteJob::command(std::string_view text, uint8_t state) {
     if (!link)
         return false;
     {
@@ -93,7 +95,7 @@ bool FtpJob::command(std::string_view text, uint8_t state) {
     return link->send_all(text);
 }
 
-uint8_t FtpJob::wait_while(uint8_t state) {
+uint8_t RemoteJob::wait_while(uint8_t state) {
     auto deadline = Clock::now() + std::chrono::milliseconds(reply_timeout_ms());
     std::unique_lock lock(session->mutex);
     for (;;) {
@@ -111,21 +113,21 @@ uint8_t FtpJob::wait_while(uint8_t state) {
     }
 }
 
-bool FtpJob::refused() const {
+bool RemoteJob::refused() const {
     std::lock_guard lock(session->mutex);
     return session->last_code >= 400;
 }
 
-void FtpJob::say(std::string_view text) const {
+void RemoteJob::say(std::string_view text) const {
     if (!text.empty())
         slot->send_text(text);
 }
 
-void FtpJob::log(std::string_view text) const {
+void RemoteJob::log(std::string_view text) const {
     server.log_message(text);
 }
 
-void FtpJob::finish(const std::string& log_line) const {
+void RemoteJob::finish(const std::string& log_line) const {
     log(log_line);
     // Under the session lock, so that a close of the connection either happens before (and
     // the user is at the shell prompt already) or after the client prompt.
@@ -134,11 +136,11 @@ void FtpJob::finish(const std::string& log_line) const {
         send_oftp_prompt(server, slot);
 }
 
-void FtpJob::finish(const char* name, int number) const {
+void RemoteJob::finish(const char* name, int number) const {
     finish(strf("(%i) outgoing ftp %s thread complete", number, name));
 }
 
-int FtpJob::open_data_port() {
+int RemoteJob::open_data_port() {
     uint32_t addr = 0;
     int control_port = 0;
     if (!link || !link->local_address(addr, control_port))
@@ -169,7 +171,7 @@ int FtpJob::open_data_port() {
     return fd;
 }
 
-int FtpJob::accept_data(int listen_fd) {
+int RemoteJob::accept_data(int listen_fd) {
     uint32_t expected = 0;
     int ignored_port = 0;
     bool check_peer = link && link->peer_address(expected, ignored_port);
@@ -198,7 +200,7 @@ int FtpJob::accept_data(int listen_fd) {
     return -1;
 }
 
-bool FtpJob::type_to_ascii() {
+bool RemoteJob::type_to_ascii() {
     if (slot->transfer_type.load() == 'A')
         return false;
     command("TYPE A\r\n", kCommandSent);
@@ -206,49 +208,40 @@ bool FtpJob::type_to_ascii() {
     return true;
 }
 
-void FtpJob::type_back(bool switched) {
+void RemoteJob::type_back(bool switched) {
     if (!switched || !alive())
         return;
     command("TYPE I\r\n", kCommandSent);
     wait_while(kCommandSent);
 }
 
-long FtpJob::receive_file(int data_fd, int file_fd) {
+MoveControl RemoteJob::move_control(HashMarks& marks, const long long& base) {
+    MoveControl control;
+    control.stop = [this] { return server.stopping.load(); };
+    control.progress = [this, &marks, &base](long long total) {
+        say(marks.add(static_cast<long>(base + total - marks.total())));
+    };
+    control.idle_limit_ms = reply_timeout_ms();
+    return control;
+}
+
+long RemoteJob::receive_file(int data_fd, int file_fd) {
     HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
-    std::vector<char> block(kDataBlock);
-    int idle_limit = reply_timeout_ms();
-    int idle = 0;
-    bool write_ok = true;
+    long long base = 0;
+    MoveControl control = move_control(marks, base);
     WallTime start = wall_now();
-    for (;;) {
-        if (server.stopping.load())
-            break;
-        if (!wait_readable(data_fd, 100)) {
-            idle += 100;
-            if (idle >= idle_limit)
-                break;
-            continue;
+    MoveResult moved = receive_socket_to_file(data_fd, file_fd, control);
+    if (moved.end == MoveEnd::sink_failed) {
+        // Keep reading, into nothing, so that the server finishes the transfer and the session
+        // stays in step; the short file is reported once.
+        log(strf("(%i) local write failed", user_socket()));
+        base = moved.bytes;
+        say(marks.add(static_cast<long>(base - marks.total())));
+        int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (nothing >= 0) {
+            receive_socket_to_file(data_fd, nothing, control, ReceiveMethod::recv_write);
+            ::close(nothing);
         }
-        idle = 0;
-        ssize_t n = ::recv(data_fd, block.data(), block.size(), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        for (ssize_t done = 0; write_ok && done < n;) {
-            ssize_t w = ::write(file_fd, block.data() + done, static_cast<size_t>(n - done));
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w <= 0) {
-                // Keep reading so that the server finishes the transfer and the session stays
-                // in step; the short file is reported once.
-                write_ok = false;
-                log(strf("(%i) local write failed", user_socket()));
-                break;
-            }
-            done += w;
-        }
-        say(marks.add(n));
     }
     say(marks.finish());
     close_fd(data_fd);
@@ -259,22 +252,14 @@ long FtpJob::receive_file(int data_fd, int file_fd) {
     return marks.total();
 }
 
-long FtpJob::send_file(int data_fd, int file_fd) {
+long RemoteJob::send_file(int data_fd, int file_fd) {
     HashMarks marks(slot->hash_on.load() != 0, slot->tick_size.load());
-    std::vector<char> block(kDataBlock);
-    int idle_limit = reply_timeout_ms();
+    long long base = 0;
+    MoveControl control = move_control(marks, base);
+    struct stat st {};
+    long long size = ::fstat(file_fd, &st) == 0 ? st.st_size : 0;
     WallTime start = wall_now();
-    for (;;) {
-        ssize_t n = ::read(file_fd, block.data(), block.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
-        if (server.stopping.load() ||
-            !orv::send_all(data_fd, block.data(), static_cast<size_t>(n), nullptr, idle_limit))
-            break;
-        say(marks.add(n));
-    }
+    send_file_to_socket(file_fd, data_fd, size, control);
     say(marks.finish());
     ::shutdown(data_fd, SHUT_WR);
     close_fd(data_fd);
@@ -285,7 +270,7 @@ long FtpJob::send_file(int data_fd, int file_fd) {
     return marks.total();
 }
 
-bool FtpJob::confirm(const std::string& question) {
+bool RemoteJob::confirm(const std::string& question) {
     if (slot->ghost.load())
         return true;
     // The state first: an answer (or the user's going away) can then never come before the
@@ -306,7 +291,7 @@ bool FtpJob::confirm(const std::string& question) {
     }
 }
 
-char FtpJob::wait_key(bool announce) {
+char RemoteJob::wait_key(bool announce) {
     if (slot->ghost.load() || !alive())
         return 'Q';
     set(kMorePage);
@@ -325,8 +310,8 @@ char FtpJob::wait_key(bool announce) {
 }
 
 bool spawn_job(Server& server, const SlotPtr& slot, const SessionPtr& session, const char* name,
-               void (*body)(FtpJob&, std::string), std::string arg) {
-    auto job = std::make_shared<FtpJob>(server, slot, session);
+               void (*body)(RemoteJob&, std::string), std::string arg) {
+    auto job = std::make_shared<RemoteJob>(server, slot, session);
     bool ok = server.workers.spawn(
         [job, body, arg = std::move(arg)]() mutable { body(*job, std::move(arg)); });
     if (!ok)
