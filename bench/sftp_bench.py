@@ -87,13 +87,13 @@ class Sftp:
     every command as "sftp> COMMAND" once it starts on it, so a command is over when the echo
     of the next one ("pwd", sent right behind it) arrives."""
 
-    def __init__(self, port, cwd):
+    def __init__(self, port, cwd, user=fb.ACCOUNT, password=fb.PASSWORD):
         self.proc = subprocess.Popen(
-            ["sshpass", "-p", fb.PASSWORD, "sftp", "-o", "BatchMode=no", "-b", "-",
+            ["sshpass", "-p", password, "sftp", "-o", "BatchMode=no", "-b", "-",
              "-P", str(port), "-c", CIPHER, "-o", "StrictHostKeyChecking=no",
              "-o", "UserKnownHostsFile=/dev/null", "-o", "LogLevel=ERROR",
              "-o", "PubkeyAuthentication=no", "-o", "Compression=no",
-             "%s@127.0.0.1" % fb.ACCOUNT],
+             "%s@127.0.0.1" % user],
             cwd=cwd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             text=True, bufsize=1, start_new_session=True)
         self.lines = []
@@ -142,6 +142,9 @@ class Sftp:
         except subprocess.TimeoutExpired:
             os.killpg(self.proc.pid, 9)
             self.proc.wait(timeout=30)
+        self.reader.join(timeout=10)
+        self.proc.stdout.close()
+        self.proc.stderr.close()
 
 
 def open_sessions(port, home, count):
