@@ -104,7 +104,7 @@ bool ConnSlot::send_bytes(const void* data, size_t size) {
             if (fd_ < 0)
                 return false;
             fd = fd_;
-            ssize_t n = send_nowait(fd, p, left);
+            ssize_t n = transport_ ? transport_->send(p, left) : send_nowait(fd, p, left);
             if (n > 0) {
                 p += n;
                 left -= static_cast<size_t>(n);
@@ -133,7 +133,7 @@ long ConnSlot::send_some(const void* data, size_t size) {
     std::lock_guard lock(io_mutex_);
     if (fd_ < 0)
         return -1;
-    ssize_t n = send_nowait(fd_, data, size);
+    ssize_t n = transport_ ? transport_->send(data, size) : send_nowait(fd_, data, size);
     if (n < 0)
         return would_block_error() ? 0 : -1;
     return static_cast<long>(n);
@@ -148,6 +148,10 @@ void ConnSlot::attach_control(std::unique_ptr<SlotSocket> s) {
 void ConnSlot::close_control() {
     {
         std::lock_guard lock(io_mutex_);
+        if (transport_ && fd_ >= 0)
+            ::shutdown(fd_, SHUT_RDWR); // a transport may hold its own handle on the socket
+        transport_.reset();
+        read_transport_ = nullptr;
         if (control_) {
             asio::error_code ignored;
             control_->socket.close(ignored);
@@ -162,6 +166,12 @@ void ConnSlot::shutdown_control() {
     std::lock_guard lock(io_mutex_);
     if (fd_ >= 0)
         ::shutdown(fd_, SHUT_RDWR);
+}
+
+void ConnSlot::set_transport(std::shared_ptr<ControlTransport> transport) {
+    std::lock_guard lock(io_mutex_);
+    read_transport_ = transport.get();
+    transport_ = std::move(transport);
 }
 
 bool ConnSlot::control_open() const {

@@ -27,6 +27,18 @@ class AddressTicket;
 
 enum class Service : uint8_t { Ftp, Telnet };
 
+// What the control connection's bytes pass through when it is not the plain socket (TLS after
+// AUTH TLS). Both calls behave as non-blocking recv and send do: bytes moved, 0 when the peer
+// ended the stream (receive), or -1 with errno set (EAGAIN: wait for the socket and retry).
+class ControlTransport {
+  public:
+    virtual ~ControlTransport() = default;
+    virtual long receive(void* data, size_t size) = 0;
+    virtual long send(const void* data, size_t size) = 0;
+    // Bytes already taken off the socket and waiting: no readiness event will announce them.
+    virtual bool pending() const = 0;
+};
+
 class ConnSlot {
   public:
     ConnSlot(Service service, int socket_number);
@@ -114,6 +126,15 @@ class ConnSlot {
     bool control_open() const;
     int control_fd() const;
 
+    // From now on every byte of the control connection passes through `transport` (event
+    // thread, while reading is paused). Null: the plain socket again.
+    void set_transport(std::shared_ptr<ControlTransport> transport);
+    // The event thread's view, for reading; null for a plain socket.
+    ControlTransport* reading_transport() const { return read_transport_; }
+    // While set, the event thread does not read the control socket (somebody else, such as a
+    // TLS handshake, owns its bytes for a while).
+    std::atomic<bool> reading_paused{false};
+
   private:
     mutable std::mutex mutex_;
     std::shared_ptr<User> user_;
@@ -125,6 +146,8 @@ class ConnSlot {
     mutable std::mutex io_mutex_;
     std::unique_ptr<SlotSocket> control_;
     int fd_ = -1;
+    std::shared_ptr<ControlTransport> transport_; // guarded by io_mutex_
+    ControlTransport* read_transport_ = nullptr;  // event thread
 };
 
 using SlotPtr = std::shared_ptr<ConnSlot>;

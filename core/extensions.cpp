@@ -75,6 +75,14 @@ Extensions read_extensions(const IniFile& ini) {
     }
     read_extension_switch(ini, "ftp_modern", e.ftp_modern, e.problems);
     read_extension_switch(ini, "live_tree", e.live_tree, e.problems);
+    read_extension_switch(ini, "ftps", e.ftps, e.problems);
+    read_extension_number(ini, "ftps_implicit_port", 65535, e.ftps_implicit_port, e.problems);
+    e.tls_certificate = ini.get_string(kSection, "tls_certificate", "");
+    e.tls_private_key = ini.get_string(kSection, "tls_private_key", "");
+    read_extension_switch(ini, "require_tls", e.require_tls, e.problems);
+    read_extension_switch(ini, "tls_session_reuse", e.tls_session_reuse, e.problems);
+    if (e.ftps)
+        e.ftp_modern = true;
     std::string range = ini.get_string(kSection, "passive_ports", "");
     if (!range.empty() && !parse_port_range(range, e.passive_low, e.passive_high))
         report(e.problems, "passive_ports", range, "is not a port range LOW-HIGH");

@@ -23,6 +23,16 @@ struct Extensions {
     uint32_t passive_ipv4 = 0; // network order; 0 when none or not resolvable
     // Directories changed on the host are rescanned when a session uses them.
     bool live_tree = false;
+    // FTP over TLS: AUTH TLS on the FTP port, and a port that speaks TLS from the first byte
+    // (0 = none). Sessions then use the newer command set, which the TLS commands belong to.
+    bool ftps = false;
+    int ftps_implicit_port = 0;
+    std::string tls_certificate; // PEM files, relative to the start directory
+    std::string tls_private_key;
+    // Clear-text logins and data connections refused.
+    bool require_tls = false;
+    // A protected data connection must resume the TLS session of its control connection.
+    bool tls_session_reuse = true;
     // Values that could not be parsed, each for one log line (the key keeps its default).
     std::vector<std::string> problems;
 };

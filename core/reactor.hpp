@@ -25,4 +25,7 @@ struct ControlEvents {
 // and its close event ends the session as any close does.
 void watch_control(Server& server, const SlotPtr& slot, ControlEvents events);
 
+// Reading again after slot->reading_paused was set (event thread).
+void resume_control(Server& server, const SlotPtr& slot);
+
 } // namespace orv

@@ -5,7 +5,9 @@
 #include "core/server.hpp"
 #include "core/slot_socket.hpp"
 #include "ftpd/dispatcher.hpp"
+#include "ftpd/ftps.hpp"
 #include "ftpd/modern_commands.hpp"
+#include "ftpd/modern_session.hpp"
 #include "ftpd/replies.hpp"
 #include "platform/net.hpp"
 #include "platform/text.hpp"
@@ -54,7 +56,8 @@ void close_after(FtpContext& ctx, const SlotPtr& slot) {
     slot->stop = 1;
 }
 
-void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number) {
+void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number,
+                  bool implicit_tls) {
     Server& server = ctx->server;
     auto slot = std::make_shared<ConnSlot>(Service::Ftp, socket_number);
     if (server.settings.ext.ftp_modern)
@@ -70,7 +73,10 @@ void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int so
     server.conns.add(slot);
     ctx->last_accepted = slot;
     // The greeting goes out whatever the number of clients: the limits apply at login.
-    slot->send_text(ftp_text::kGreeting);
+    if (implicit_tls && slot->ftp_extras && slot->ftp_extras->ftps)
+        start_implicit_tls(ctx, slot); // greets once the handshake is done
+    else
+        slot->send_text(ftp_text::kGreeting);
     server.update_title();
 
     ControlEvents events;

@@ -23,7 +23,9 @@ void log_command_line(Server& server, const ConnSlot& slot, const std::string& l
 void close_after(FtpContext& ctx, const SlotPtr& slot);
 
 // Makes the session for an accepted socket, greets it and starts reading its commands.
-void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number);
+// On the implicit FTPS port (`implicit_tls`) the TLS handshake comes before the greeting.
+void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int socket_number,
+                  bool implicit_tls = false);
 
 // ftp_conn_close: unlinks the session, lowers the login count it raised, sends the 221 lines
 // and rewrites the title. The caller logs its close line and closes the socket. Always true.

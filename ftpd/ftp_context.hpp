@@ -12,6 +12,7 @@
 namespace orv {
 
 class Server;
+class TlsContext;
 class VfsTree;
 struct VfsNode;
 
@@ -24,6 +25,8 @@ struct FtpContext {
     std::weak_ptr<ConnSlot> last_accepted;
     // Where the next passive port is looked for in the configured range.
     std::atomic<unsigned> next_passive{0};
+    // Set when the service starts with FTPS on and its certificate usable; null otherwise.
+    std::shared_ptr<TlsContext> tls;
 };
 using FtpContextPtr = std::shared_ptr<FtpContext>;
 

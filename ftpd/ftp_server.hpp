@@ -18,9 +18,12 @@ class FtpServer {
     bool running() const { return listener_.running(); }
 
   private:
+    // The TLS context from the settings; FTPS stays off (and the log says why) without one.
+    void start_tls();
     Server& server_;
     FtpContextPtr ctx_;
     Listener listener_;
+    Listener implicit_listener_; // FTPS from the first byte, when configured
 };
 
 } // namespace orv

@@ -6,6 +6,7 @@
 #include "ftpd/data_connection.hpp"
 #include "ftpd/dispatcher.hpp"
 #include "ftpd/fs_commands.hpp"
+#include "ftpd/ftps.hpp"
 #include "ftpd/login.hpp"
 #include "ftpd/modern_listing.hpp"
 #include "ftpd/modern_paths.hpp"
@@ -162,6 +163,8 @@ void start_modern_session(const FtpContextPtr& ctx, const SlotPtr& slot, int soc
                 take_waiting_lines(c2, s);
         });
     };
+    if (ctx->tls)
+        ex->ftps = std::make_shared<FtpsSession>();
     slot->peer_text = address_text(ex->peer);
     slot->ftp_extras = std::move(ex);
 }
@@ -206,14 +209,15 @@ void take_waiting_lines(const FtpContextPtr& ctx, const SlotPtr& slot) {
     }
 }
 
-std::string feat_reply() {
-    return "211-Features:\r\n"
+std::string feat_reply(bool tls) {
+    return std::string("211-Features:\r\n") + (tls ? " AUTH TLS\r\n" : "") +
            " EPRT\r\n"
            " EPSV\r\n"
            " MDTM\r\n"
            " MFMT\r\n"
            " MLST type*;size*;modify*;perm*;UNIX.mode*;UNIX.owner*;UNIX.group*;unique*;\r\n"
-           " PASV\r\n"
+           " PASV\r\n" +
+           (tls ? " PBSZ\r\n PROT\r\n" : "") +
            " REST STREAM\r\n"
            " SIZE\r\n"
            " TVFS\r\n"
@@ -457,9 +461,11 @@ bool modern_dispatch(const FtpContextPtr& ctx, const SlotPtr& slot, const std::s
         finish_command(s, text);
         return true;
     };
+    if (ex.ftps && ftps_dispatch(ctx, slot, verb, arg))
+        return true;
     // Commands on the event thread.
     if (verb == "FEAT")
-        return reply(feat_reply());
+        return reply(feat_reply(ex.ftps != nullptr));
     if (verb == "SYST")
         return reply("215 UNIX Type: L8\r\n");
     if (verb == "NOOP")

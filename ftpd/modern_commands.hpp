@@ -21,7 +21,8 @@ void take_waiting_lines(const FtpContextPtr& ctx, const SlotPtr& slot);
 bool modern_dispatch(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& line);
 
 // Replies computed without a socket.
-std::string feat_reply();
+// `tls`: the TLS commands are offered too.
+std::string feat_reply(bool tls = false);
 std::string help_reply();
 std::string opts_reply(ConnSlot& slot, const std::string& arg);
 std::string modern_type_reply(const std::string& arg, char& type);

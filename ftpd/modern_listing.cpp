@@ -3,6 +3,7 @@
 #include "accounts/accounts.hpp"
 #include "core/server.hpp"
 #include "ftpd/data_connection.hpp"
+#include "ftpd/ftps.hpp"
 #include "ftpd/modern_paths.hpp"
 #include "ftpd/modern_session.hpp"
 #include "ftpd/replies.hpp"
@@ -242,10 +243,10 @@ void modern_list_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
         return;
     }
     std::string data = render_listing(dir, kind, slot->ftp_extras->mlst_facts);
-    int fd = open_data_connection(server, *slot, job.port_arg, job.type, -1);
-    if (fd >= 0) {
-        send_all(fd, data.data(), data.size(), &slot->stop, kDataIdleLimitMs);
-        close_fd(fd);
+    DataLink link = open_data_link(server, *slot, job, -1);
+    if (link.fd >= 0) {
+        link_send_all(link, data, &slot->stop);
+        close_link(link);
         if (slot->ftp_extras->abort.exchange(false)) {
             slot->send_text("426 Connection closed; transfer aborted.\r\n");
             if (slot->control_open())

@@ -31,9 +31,14 @@ struct SockAddr {
     int family() const { return storage.ss_family; }
 };
 
+struct FtpsSession;
+
 struct FtpSessionExtras {
     SockAddr peer;  // the control connection's peer
     SockAddr local; // and its local end
+
+    // TLS (AUTH, PROT and their policy); null when the server offers no FTPS.
+    std::shared_ptr<FtpsSession> ftps;
 
     // Posts a look at the lines that arrived while a command ran (set at session start).
     std::function<void()> wake;

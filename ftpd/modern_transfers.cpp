@@ -3,6 +3,7 @@
 #include "accounts/accounts.hpp"
 #include "core/server.hpp"
 #include "ftpd/data_connection.hpp"
+#include "ftpd/ftps.hpp"
 #include "ftpd/modern_paths.hpp"
 #include "ftpd/modern_session.hpp"
 #include "ftpd/replies.hpp"
@@ -90,8 +91,8 @@ void modern_retr_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
         log_thread_complete(server, job.socket, "RETR");
         return;
     }
-    int data = open_data_connection(server, *slot, job.port_arg, job.type, st.st_size);
-    if (data < 0) {
+    DataLink data = open_data_link(server, *slot, job, st.st_size);
+    if (data.fd < 0) {
         ::close(file);
         ctx->busy.release(node);
         finish_command(*slot, "");
@@ -100,9 +101,9 @@ void modern_retr_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
     }
     auto start = std::chrono::steady_clock::now();
     MoveResult sent =
-        send_file_to_socket(file, data, st.st_size - rest, transfer_control(*slot, server, false));
+        link_send_file(data, file, st.st_size - rest, transfer_control(*slot, server, false));
     auto end = std::chrono::steady_clock::now();
-    close_fd(data);
+    close_link(data);
     ::close(file);
     server.log_message(rate_line(job.socket, sent.written, transfer_seconds(end - start),
                                  job.type == 'A' ? "sent" : "received"));
@@ -145,8 +146,8 @@ void modern_stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
         file = open_to_continue(host_dir, name, rest, append);
     else if (!host_dir.empty() && staged.open(host_dir.base, host_dir.relative, name))
         file = staged.fd();
-    int data = open_data_connection(server, *slot, job.port_arg, job.type, -1);
-    if (data < 0) {
+    DataLink data = open_data_link(server, *slot, job, -1);
+    if (data.fd < 0) {
         if (continuing && file >= 0)
             ::close(file);
         if (existing)
@@ -158,11 +159,11 @@ void modern_stor_thread(const FtpContextPtr& ctx, const SlotPtr& slot, const Ftp
     auto start = std::chrono::steady_clock::now();
     MoveResult got;
     if (file >= 0)
-        got = receive_socket_to_file(data, file, transfer_control(*slot, server, true));
+        got = link_receive_file(data, file, transfer_control(*slot, server, true));
     else
         got.end = MoveEnd::sink_failed;
     auto end = std::chrono::steady_clock::now();
-    close_fd(data);
+    close_link(data);
     server.log_message(rate_line(job.socket, got.bytes, transfer_seconds(end - start), "received"));
 
     struct stat st {};
