@@ -27,6 +27,7 @@ STREAMS = 8
 IDLE_SESSIONS = 50
 ROUNDS = 3
 WAIT = 300.0  # the longest one command may take
+UPLOAD_PREFIX = "sftp-up."  # uploads, deleted after each run (not ftp_bench.py's "stor.")
 
 FIGURES = [
     # key, label, unit, higher is better
@@ -183,7 +184,7 @@ def timed_commands(server, sessions, commands):
 
 def remove_uploads(home):
     for name in os.listdir(home):
-        if name.startswith("stor."):
+        if name.startswith(UPLOAD_PREFIX):
             os.unlink(os.path.join(home, name))
 
 
@@ -196,7 +197,7 @@ def transfers(server, home, quick):
     sessions, _ = open_sessions(server.port, home, STREAMS)
     try:
         for key, one in (("down", lambda i: ["get big.bin /dev/null"]),
-                         ("up", lambda i: ["put big.bin stor.%d" % i])):
+                         ("up", lambda i: ["put big.bin sftp-up.%d" % i])):
             fb.log("  %s ..." % key)
             spent = 0.0
             for i in range(runs + 1):
@@ -210,7 +211,7 @@ def transfers(server, home, quick):
         files = [("par/p%02d" % i, "par/p%02d" % (i + STREAMS)) for i in range(STREAMS)]
         for key, cmds in (("pdown", [["get %s /dev/null" % a, "get %s /dev/null" % b]
                                      for a, b in files]),
-                          ("pup", [["put %s stor.%da" % (a, i), "put %s stor.%db" % (b, i)]
+                          ("pup", [["put %s sftp-up.%da" % (a, i), "put %s sftp-up.%db" % (b, i)]
                                    for i, (a, b) in enumerate(files)])):
             fb.log("  %s ..." % key)
             for _ in range(runs):
@@ -292,6 +293,7 @@ def main():
     ap.add_argument("--work", default="/var/tmp/orvane-bench-ftp",
                     help="where the shared files are kept (the same as ftp_bench.py's)")
     ap.add_argument("--quick", action="store_true", help="one round, one run of each workload")
+    ap.add_argument("--rounds", type=int, default=ROUNDS, help="rounds (default %d)" % ROUNDS)
     ap.add_argument("--only", choices=("orvane", "sshd"), help="measure one server only")
     ap.add_argument("--server", help="the Orvane binary to measure (default: BUILD/orvane-server)")
     args = ap.parse_args()
@@ -312,6 +314,7 @@ def main():
     fb.log("load average at start: %s" % fb.load_average())
     fb.log("preparing %s ..." % home)
     fb.prepare_home(home)
+    remove_uploads(home)  # of a run that was cut short
     fb.ensure_account(home)
     conf_root = tempfile.mkdtemp(prefix="orvane-bench-sftp-", dir=work)
     os.chmod(conf_root, 0o755)
@@ -326,7 +329,7 @@ def main():
     try:
         # Rounds in alternating order, each figure the median of all of a server's runs: the
         # machine's state drifts, which would favour whichever server ran at a good moment.
-        for round_no in range(1, 2 if args.quick else ROUNDS + 1):
+        for round_no in range(1, 2 if args.quick else max(1, args.rounds) + 1):
             for server in (servers if round_no % 2 else list(reversed(servers))):
                 fb.log("%s, round %d (load average %s) ..."
                        % (server.name, round_no, fb.load_average()))
