@@ -49,6 +49,16 @@ ServerSettingsDialog::ServerSettingsDialog(DesktopUi& ui, QWidget* parent)
     ftp_port_ = line_edit(this, "ftp_port", 6);
     mounts_ = new QListWidget(this);
     mounts_->setObjectName(QStringLiteral("mounts"));
+    ftps_ = new QCheckBox(QStringLiteral("FTP over T&LS (AUTH TLS)"), this);
+    ftps_->setObjectName(QStringLiteral("ftps"));
+    ftps_port_ = line_edit(this, "ftps_implicit_port", 6);
+    certificate_ = line_edit(this, "tls_certificate", 4096);
+    private_key_ = line_edit(this, "tls_private_key", 4096);
+    require_tls_ = new QCheckBox(QStringLiteral("&Require TLS for logins and data"), this);
+    require_tls_->setObjectName(QStringLiteral("require_tls"));
+    session_reuse_ =
+        new QCheckBox(QStringLiteral("Data connections must reuse the TLS &session"), this);
+    session_reuse_->setObjectName(QStringLiteral("tls_session_reuse"));
 
     QPushButton* browse_button = button(this, "&Browse", "browse");
     QPushButton* motd = button(this, "FTP Login Message", "login_message");
@@ -74,6 +84,19 @@ ServerSettingsDialog::ServerSettingsDialog(DesktopUi& ui, QWidget* parent)
     top->setColumnStretch(1, 1);
     top->setColumnStretch(2, 1);
 
+    auto* tls_box = new QGroupBox(QStringLiteral("FTP over TLS"), this);
+    auto* tls_layout = new QGridLayout(tls_box);
+    tls_layout->addWidget(ftps_, 0, 0, 1, 2);
+    tls_layout->addWidget(new QLabel(QStringLiteral("Implicit FTPS port (0 = none)"), this), 1, 0);
+    tls_layout->addWidget(ftps_port_, 1, 1);
+    tls_layout->addWidget(new QLabel(QStringLiteral("Certificate (PEM)"), this), 2, 0);
+    tls_layout->addWidget(certificate_, 2, 1);
+    tls_layout->addWidget(new QLabel(QStringLiteral("Private key (PEM, mode 600)"), this), 3, 0);
+    tls_layout->addWidget(private_key_, 3, 1);
+    tls_layout->addWidget(require_tls_, 4, 0, 1, 2);
+    tls_layout->addWidget(session_reuse_, 5, 0, 1, 2);
+    tls_layout->setColumnStretch(1, 1);
+
     auto* mount_box = new QGroupBox(QStringLiteral("Mounts"), this);
     auto* mount_layout = new QVBoxLayout(mount_box);
     mount_layout->addWidget(mounts_);
@@ -91,6 +114,7 @@ ServerSettingsDialog::ServerSettingsDialog(DesktopUi& ui, QWidget* parent)
 
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(top);
+    layout->addWidget(tls_box);
     layout->addWidget(mount_box, 1);
     layout->addLayout(bottom);
 
@@ -103,7 +127,7 @@ ServerSettingsDialog::ServerSettingsDialog(DesktopUi& ui, QWidget* parent)
     connect(close_button, &QPushButton::clicked, this, &QDialog::close);
 
     load();
-    resize(520, 420);
+    resize(520, 600);
 }
 
 void ServerSettingsDialog::load() {
@@ -114,6 +138,12 @@ void ServerSettingsDialog::load() {
     telnet_port_->setText(qs(form.telnet_port));
     ftp_->setChecked(form.ftp);
     ftp_port_->setText(qs(form.ftp_port));
+    ftps_->setChecked(form.tls.ftps);
+    ftps_port_->setText(qs(form.tls.implicit_port));
+    certificate_->setText(qs(form.tls.certificate));
+    private_key_->setText(qs(form.tls.private_key));
+    require_tls_->setChecked(form.tls.require_tls);
+    session_reuse_->setChecked(form.tls.session_reuse);
     reload_mounts();
 }
 
@@ -127,6 +157,10 @@ QWidget* ServerSettingsDialog::field(SettingsField which) const {
         return telnet_port_;
     case SettingsField::FtpPort:
         return ftp_port_;
+    case SettingsField::FtpsPort:
+        return ftps_port_;
+    case SettingsField::TlsFiles:
+        return certificate_;
     }
     return home_;
 }
@@ -139,6 +173,12 @@ void ServerSettingsDialog::save() {
     form.telnet_port = telnet_port_->text().toStdString();
     form.ftp = ftp_->isChecked();
     form.ftp_port = ftp_port_->text().toStdString();
+    form.tls.ftps = ftps_->isChecked();
+    form.tls.implicit_port = ftps_port_->text().toStdString();
+    form.tls.certificate = certificate_->text().toStdString();
+    form.tls.private_key = private_key_->text().toStdString();
+    form.tls.require_tls = require_tls_->isChecked();
+    form.tls.session_reuse = session_reuse_->isChecked();
     if (std::optional<SettingsRefusal> refusal = check_settings_form(form, ui_.api.start_dir())) {
         ui_.message(this, QStringLiteral("Error"), qs(refusal->text), QMessageBox::Critical);
         field(refusal->focus)->setFocus();

@@ -37,6 +37,12 @@ class ServerSettingsDialog : public QDialog {
     QLineEdit* telnet_port_ = nullptr;
     QCheckBox* ftp_ = nullptr;
     QLineEdit* ftp_port_ = nullptr;
+    QCheckBox* ftps_ = nullptr;
+    QLineEdit* ftps_port_ = nullptr;
+    QLineEdit* certificate_ = nullptr;
+    QLineEdit* private_key_ = nullptr;
+    QCheckBox* require_tls_ = nullptr;
+    QCheckBox* session_reuse_ = nullptr;
     QListWidget* mounts_ = nullptr;
 };
 

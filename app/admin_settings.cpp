@@ -3,6 +3,7 @@
 #include "app/server_app.hpp"
 #include "core/server.hpp"
 #include "core/settings.hpp"
+#include "platform/ini.hpp"
 #include "platform/text.hpp"
 
 #include <unistd.h>
@@ -42,6 +43,26 @@ void apply_service(Service& service, int& enabled, int& port, bool want_on, int 
     }
 }
 
+// The TLS keys go to [Extensions] only when FTPS is on or they are there already, so that a
+// Save never adds an [Extensions] section to a server that has none.
+void write_tls_keys(const std::filesystem::path& path, const TlsSettingsForm& tls) {
+    IniFile ini = IniFile::load(path);
+    const char* keys[] = {"ftps",        "ftps_implicit_port", "tls_certificate", "tls_private_key",
+                          "require_tls", "tls_session_reuse"};
+    bool present = false;
+    for (const char* key : keys)
+        present = present || !ini.get_string("Extensions", key, "").empty();
+    if (!tls.ftps && !present)
+        return;
+    ini.set("Extensions", "ftps", tls.ftps ? "1" : "0");
+    ini.set("Extensions", "ftps_implicit_port", std::to_string(to_int(tls.implicit_port)));
+    ini.set("Extensions", "tls_certificate", tls.certificate);
+    ini.set("Extensions", "tls_private_key", tls.private_key);
+    ini.set("Extensions", "require_tls", tls.require_tls ? "1" : "0");
+    ini.set("Extensions", "tls_session_reuse", tls.session_reuse ? "1" : "0");
+    ini.save(path);
+}
+
 } // namespace
 
 SettingsForm current_settings_form(const Server& server) {
@@ -53,7 +74,19 @@ SettingsForm current_settings_form(const Server& server) {
     form.telnet_port = std::to_string(s.telnet_port);
     form.ftp = s.ftp_enabled();
     form.ftp_port = std::to_string(s.ftp_port);
+    form.tls = tls_settings_form(s.ext);
     return form;
+}
+
+TlsSettingsForm tls_settings_form(const Extensions& ext) {
+    TlsSettingsForm tls;
+    tls.ftps = ext.ftps;
+    tls.implicit_port = std::to_string(ext.ftps_implicit_port);
+    tls.certificate = ext.tls_certificate;
+    tls.private_key = ext.tls_private_key;
+    tls.require_tls = ext.require_tls;
+    tls.session_reuse = ext.tls_session_reuse;
+    return tls;
 }
 
 int16_t form_max_users(const SettingsForm& form) {
@@ -81,6 +114,19 @@ std::optional<SettingsRefusal> check_settings_form(const SettingsForm& form,
     if (to_int(form.telnet_port) == to_int(form.ftp_port))
         return SettingsRefusal{"Telnet Port and FTP port must be different",
                                SettingsField::TelnetPort};
+    if (form.tls.ftps) {
+        int implicit = to_int(form.tls.implicit_port);
+        if (!is_decimal_number(form.tls.implicit_port) || implicit < 0 || implicit > 65535)
+            return SettingsRefusal{"FTPS Port must be between 0 and 65535",
+                                   SettingsField::FtpsPort};
+        if (implicit != 0 &&
+            (implicit == to_int(form.ftp_port) || implicit == to_int(form.telnet_port)))
+            return SettingsRefusal{"FTPS Port must differ from the Telnet and FTP ports",
+                                   SettingsField::FtpsPort};
+        if (form.tls.certificate.empty() || form.tls.private_key.empty())
+            return SettingsRefusal{"FTPS needs a certificate and a private key file",
+                                   SettingsField::TlsFiles};
+    }
     return std::nullopt;
 }
 
@@ -94,6 +140,7 @@ bool save_settings_form(Server& server, const SettingsForm& form) {
     written.telnet_port = to_int(form.telnet_port);
     written.ftp_port = to_int(form.ftp_port);
     write_settings(server.table_path("settings.ini"), written);
+    write_tls_keys(server.table_path("settings.ini"), form.tls);
     // Compared as the next start will read it, so "/srv/ftp/" is no change from "/srv/ftp".
     return strip_one_trailing_separator(form.serverhome) != server.settings.serverhome;
 }
@@ -101,7 +148,24 @@ bool save_settings_form(Server& server, const SettingsForm& form) {
 void apply_service_settings(ServerApp& app, const SettingsForm& form) {
     Settings& s = app.server().settings;
     apply_service(app.telnet(), s.telnet, s.telnet_port, form.telnet, to_int(form.telnet_port));
+    bool tls_changed = tls_settings_form(s.ext) != form.tls;
+    if (tls_changed) {
+        s.ext.ftps = form.tls.ftps;
+        s.ext.ftps_implicit_port = to_int(form.tls.implicit_port);
+        s.ext.tls_certificate = form.tls.certificate;
+        s.ext.tls_private_key = form.tls.private_key;
+        s.ext.require_tls = form.tls.require_tls;
+        s.ext.tls_session_reuse = form.tls.session_reuse;
+        // The TLS commands belong to the newer command set; it stays on once on.
+        s.ext.ftp_modern = s.ext.ftp_modern || form.tls.ftps;
+    }
+    bool was_on = s.ftp == 1;
     apply_service(app.ftp(), s.ftp, s.ftp_port, form.ftp, to_int(form.ftp_port));
+    // A running FTP service takes the new certificate, key and implicit port by a restart.
+    if (tls_changed && was_on && s.ftp == 1) {
+        app.ftp().stop();
+        app.ftp().start();
+    }
 }
 
 } // namespace orv

@@ -10,6 +10,18 @@ namespace orv {
 
 class Server;
 class ServerApp;
+struct Extensions;
+
+// The FTP over TLS keys of [Extensions] as the dialog shows them.
+struct TlsSettingsForm {
+    bool ftps = false;
+    std::string implicit_port = "0";
+    std::string certificate;
+    std::string private_key;
+    bool require_tls = false;
+    bool session_reuse = true;
+    bool operator==(const TlsSettingsForm&) const = default;
+};
 
 // The dialog's fields as typed.
 struct SettingsForm {
@@ -19,9 +31,10 @@ struct SettingsForm {
     std::string telnet_port;
     bool ftp = false;
     std::string ftp_port;
+    TlsSettingsForm tls;
 };
 
-enum class SettingsField { Home, MaxUsers, TelnetPort, FtpPort };
+enum class SettingsField { Home, MaxUsers, TelnetPort, FtpPort, FtpsPort, TlsFiles };
 
 struct SettingsRefusal {
     std::string text; // shown in a box titled "Error"
@@ -47,11 +60,16 @@ bool is_decimal_number(std::string_view text);
 // Max Users as the dialog reads it: a signed 16-bit value.
 int16_t form_max_users(const SettingsForm& form);
 
+// The TLS part of the form from the keys in use.
+TlsSettingsForm tls_settings_form(const Extensions& ext);
+
 // Event thread, after the checks passed: Max Users takes effect and the six keys are
-// written. True when the home directory differs from the one in use (the "INFO!" box).
+// written (and the TLS keys, when FTPS is on or settings.ini has them already). True when the home
+// directory differs from the one in use (the "INFO!" box).
 bool save_settings_form(Server& server, const SettingsForm& form);
 // Event thread, after save_settings_form: a service whose on/off state changed is started or
 // stopped; one that stays on with a new port is stopped and started again. Sessions stay.
+// Changed TLS keys restart a running FTP service (new sessions get the new ones).
 void apply_service_settings(ServerApp& app, const SettingsForm& form);
 
 } // namespace orv

@@ -78,6 +78,7 @@ void ServerApp::reload_settings() {
     form.telnet_port = std::to_string(fresh.telnet_port);
     form.ftp = fresh.ftp_enabled();
     form.ftp_port = std::to_string(fresh.ftp_port);
+    form.tls = tls_settings_form(fresh.ext);
     server_.log_message("Settings reloaded");
     server_.guard.configure(read_auth_settings(server_.table_path("settings.ini"), &server_.log));
     server_.settings.maxusers = fresh.maxusers;

@@ -242,7 +242,7 @@ DataLink open_data_link(Server& server, ConnSlot& slot, const FtpJob& job, long 
     if (!link.tls->handshake(tls_handshake_timeout_ms(), error, &slot.stop)) {
         server.log.logf("(%i) Data connection TLS failed: %s", job.socket, log_safe(error).c_str());
         refusal = kDataTlsFailed;
-    } else if (server.settings.ext.tls_session_reuse && !link.tls->resumed_from(*tls->control)) {
+    } else if (tls->require_reuse && !link.tls->resumed_from(*tls->control)) {
         // Only the client that owns the control connection holds its session: anyone else
         // who reached the data port first is sent away.
         server.log.logf("(%i) Data connection refused: no TLS session reuse", job.socket);

@@ -22,6 +22,8 @@ struct FtpsSession {
     std::shared_ptr<TlsStream> control;
     bool pbsz = false; // event thread
     std::atomic<bool> protect_data{false};
+    // tls_session_reuse as it stood when the session began (the settings may change later).
+    bool require_reuse = true;
 };
 
 // The server's TLS context from the [Extensions] keys; null (and `error` set) when FTPS cannot

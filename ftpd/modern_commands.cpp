@@ -163,8 +163,10 @@ void start_modern_session(const FtpContextPtr& ctx, const SlotPtr& slot, int soc
                 take_waiting_lines(c2, s);
         });
     };
-    if (ctx->tls)
+    if (ctx->tls) {
         ex->ftps = std::make_shared<FtpsSession>();
+        ex->ftps->require_reuse = ctx->server.settings.ext.tls_session_reuse;
+    }
     slot->peer_text = address_text(ex->peer);
     slot->ftp_extras = std::move(ex);
 }

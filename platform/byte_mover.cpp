@@ -13,6 +13,7 @@
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace orv {
 
@@ -544,6 +545,53 @@ MoveResult receive_socket_to_file(int sock_fd, int file_fd, const MoveControl& c
         return receive_direct(sock_fd, file_fd, control);
     }
     return receive_by_recv(sock_fd, file_fd, control, false);
+}
+
+// ---- Copies between files ----
+
+MoveResult copy_file_to_file(int in_fd, int out_fd, const MoveControl& control) {
+    constexpr size_t kCopyChunk = 8 << 20;
+    MoveResult r;
+    std::vector<char> buffer; // only where the kernel cannot copy between these files
+    for (;;) {
+        if (stop_now(control)) {
+            r.end = MoveEnd::stopped;
+            return r;
+        }
+        ssize_t n = -1;
+        if (buffer.empty()) {
+            n = ::copy_file_range(in_fd, nullptr, out_fd, nullptr, kCopyChunk, 0);
+            if (n < 0 &&
+                (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP))
+                buffer.resize(1 << 20);
+        }
+        if (!buffer.empty()) {
+            n = ::read(in_fd, buffer.data(), buffer.size());
+            if (n > 0) {
+                r.bytes += n;
+                long long done = write_all(out_fd, buffer.data(), static_cast<size_t>(n));
+                r.written += done;
+                if (done < n) {
+                    r.end = MoveEnd::sink_failed;
+                    return r;
+                }
+                report(control, r.written);
+                continue;
+            }
+        } else if (n > 0) {
+            r.bytes += n;
+            r.written += n;
+            report(control, r.written);
+            continue;
+        }
+        if (n == 0)
+            return r;
+        if (errno != EINTR) {
+            bool full = errno == ENOSPC || errno == EFBIG || errno == EDQUOT;
+            r.end = full ? MoveEnd::sink_failed : MoveEnd::source_failed;
+            return r;
+        }
+    }
 }
 
 } // namespace orv

@@ -50,4 +50,8 @@ MoveResult send_file_to_socket(int file_fd, int sock_fd, long long size, const M
 MoveResult receive_socket_to_file(int sock_fd, int file_fd, const MoveControl& control,
                                   ReceiveMethod method = ReceiveMethod::automatic);
 
+// Copies the file open on `in_fd`, from its current offset to its end, to `out_fd`: inside the
+// kernel where the two file systems allow it, else through one buffer.
+MoveResult copy_file_to_file(int in_fd, int out_fd, const MoveControl& control);
+
 } // namespace orv

@@ -4,6 +4,8 @@
 #include "accounts/user.hpp"
 #include "core/prompt.hpp"
 #include "core/server.hpp"
+#include "platform/byte_mover.hpp"
+#include "platform/staged_file.hpp"
 #include "platform/text.hpp"
 #include "telnetd/shell_files.hpp"
 #include "telnetd/shell_paths.hpp"
@@ -12,19 +14,14 @@
 #include "vfs/host_files.hpp"
 #include "vfs/tree.hpp"
 
-#include <atomic>
 #include <cerrno>
-#include <fcntl.h>
 #include <mutex>
 #include <shared_mutex>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace orv::telnet {
 namespace {
-
-constexpr size_t kCopyChunk = 8 << 20;
 
 // One node of a copy, in pre-order: its path below the copied node, where it is on the host,
 // and the attributes the copy takes over.
@@ -39,8 +36,6 @@ struct CopyEntry {
     uint32_t size = 0;
     bool done = false;
 };
-
-std::atomic<unsigned> temp_counter{0};
 
 class CopyJob {
   public:
@@ -342,8 +337,8 @@ void CopyJob::execute(std::vector<CopyEntry>& entries, const std::string& name) 
     }
 }
 
-// Copies a host file through a temporary file beside the target, so that an interrupted
-// copy never leaves a half-written file in place of the one that was there. Both ends are
+// Copies a host file through a staged file beside the target, so that an interrupted copy
+// never leaves a half-written file in place of the one that was there. Both ends are
 // opened below their base directories: a link put in place of a file or directory on the host
 // leads nowhere.
 bool CopyJob::copy_file(const HostPath& from, const HostPath& to, uint32_t& size) {
@@ -354,64 +349,19 @@ bool CopyJob::copy_file(const HostPath& from, const HostPath& to, uint32_t& size
     int in = open_host_file(from);
     if (in < 0)
         return false;
-    int dir = open_host_dir(to_dir);
-    if (dir < 0) {
+    StagedFile staged;
+    if (!staged.open(to_dir.base, to_dir.relative, to_name)) {
         ::close(in);
         return false;
     }
-    std::string temp =
-        strf(".orvane-cp-%d-%u.tmp", static_cast<int>(::getpid()), temp_counter.fetch_add(1));
-    int out =
-        ::openat(dir, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (out < 0) {
-        ::close(in);
-        ::close(dir);
-        return false;
-    }
-    bool ok = true;
-    uint64_t total = 0;
-    std::vector<char> buffer;
-    for (;;) {
-        if (interrupted()) {
-            ok = false;
-            break;
-        }
-        ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, kCopyChunk, 0);
-        if (n < 0 &&
-            (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
-            // Fall back to plain reads and writes.
-            buffer.resize(1 << 20);
-            n = ::read(in, buffer.data(), buffer.size());
-            for (ssize_t put = 0; n > 0 && put < n;) {
-                ssize_t w = ::write(out, buffer.data() + put, static_cast<size_t>(n - put));
-                if (w <= 0) {
-                    n = -1;
-                    break;
-                }
-                put += w;
-            }
-        }
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            ok = false;
-            break;
-        }
-        if (n == 0)
-            break;
-        total += static_cast<uint64_t>(n);
-    }
+    MoveControl control;
+    control.stop = [this] { return interrupted(); };
+    MoveResult moved = copy_file_to_file(in, staged.fd(), control);
     ::close(in);
-    if (::close(out) != 0)
-        ok = false;
-    if (ok && ::renameat(dir, temp.c_str(), dir, to_name.c_str()) != 0)
-        ok = false;
-    if (!ok)
-        ::unlinkat(dir, temp.c_str(), 0);
-    ::close(dir);
-    if (!ok)
+    // Anything short of the whole file is thrown away and the old target stays.
+    if (moved.end != MoveEnd::complete || !staged.commit())
         return false;
-    size = static_cast<uint32_t>(total);
+    size = static_cast<uint32_t>(moved.written);
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "app/admin_api.hpp"
 #include "core/settings.hpp"
+#include "platform/ini.hpp"
 #include "support/test_server.hpp"
 
 #include <gtest/gtest.h>
@@ -158,4 +159,79 @@ TEST(AdminSettings, ServiceSwitchesStartStopOrOnlyStoreThePort) {
     EXPECT_EQ(read_settings(s.dir() / "settings.ini").telnet, 1);
     test::TestClient accepted;
     EXPECT_TRUE(accepted.connect(telnet_port));
+}
+
+TEST(AdminSettings, TlsFieldsAreCheckedOnlyWithFtpsOn) {
+    test::TempDir dir;
+    std::filesystem::create_directories(dir / "home");
+    struct Case {
+        void (*edit)(TlsSettingsForm&);
+        const char* text; // null: accepted
+    };
+    const Case cases[] = {
+        {[](TlsSettingsForm& t) { t.implicit_port = "x"; }, nullptr}, // FTPS off: not looked at
+        {[](TlsSettingsForm& t) { t.ftps = true; },
+         "FTPS needs a certificate and a private key file"},
+        {[](TlsSettingsForm& t) {
+             t.ftps = true;
+             t.certificate = "c.pem";
+             t.private_key = "k.pem";
+         },
+         nullptr},
+        {[](TlsSettingsForm& t) {
+             t.ftps = true;
+             t.certificate = "c.pem";
+             t.private_key = "k.pem";
+             t.implicit_port = "65536";
+         },
+         "FTPS Port must be between 0 and 65535"},
+        {[](TlsSettingsForm& t) {
+             t.ftps = true;
+             t.certificate = "c.pem";
+             t.private_key = "k.pem";
+             t.implicit_port = "2121";
+         },
+         "FTPS Port must differ from the Telnet and FTP ports"},
+    };
+    for (const Case& c : cases) {
+        SettingsForm f = form_for(dir);
+        c.edit(f.tls);
+        std::optional<SettingsRefusal> refusal = check_settings_form(f);
+        if (!c.text) {
+            EXPECT_FALSE(refusal) << refusal->text;
+            continue;
+        }
+        ASSERT_TRUE(refusal) << c.text;
+        EXPECT_EQ(refusal->text, c.text);
+    }
+}
+
+// A Save with FTPS off adds no [Extensions] section; with it on, the keys are written and read
+// back as they were typed.
+TEST(AdminSettings, TlsKeysAreWrittenOnlyWhenUsed) {
+    test::TestServerConfig config;
+    config.ftp = false;
+    config.telnet = false;
+    test::TestServer s(config);
+    AdminApi api(s.app());
+    SettingsForm f = api.settings_form();
+    EXPECT_FALSE(f.tls.ftps);
+    api.save_settings(f);
+    std::string text = IniFile::load(s.dir() / "settings.ini").text();
+    EXPECT_EQ(text.find("[Extensions]"), std::string::npos) << text;
+
+    f.tls.ftps = true;
+    f.tls.implicit_port = "9990";
+    f.tls.certificate = "tls/cert.pem";
+    f.tls.private_key = "tls/key.pem";
+    f.tls.session_reuse = false;
+    api.save_settings(f);
+    Settings written = read_settings(s.dir() / "settings.ini");
+    EXPECT_TRUE(written.ext.ftps);
+    EXPECT_EQ(written.ext.ftps_implicit_port, 9990);
+    EXPECT_EQ(written.ext.tls_certificate, "tls/cert.pem");
+    EXPECT_EQ(written.ext.tls_private_key, "tls/key.pem");
+    EXPECT_FALSE(written.ext.require_tls);
+    EXPECT_FALSE(written.ext.tls_session_reuse);
+    EXPECT_EQ(tls_settings_form(written.ext), f.tls);
 }

@@ -223,3 +223,28 @@ TEST(ByteMoverReceiveStop, AnEndedSessionStopsOnlyWhenNothingArrives) {
     EXPECT_EQ(r.end, MoveEnd::stopped);
     EXPECT_EQ(r.bytes, 12); // what had come was taken in first
 }
+
+TEST(ByteMoverCopy, CopiesFromTheOffsetToTheEndAndStopsOnRequest) {
+    test::TempDir dir;
+    std::string content = pattern((9 << 20) + 123); // more than one kernel copy piece
+    dir.write("from", content);
+    int in = open_read(dir.path() / "from");
+    ASSERT_EQ(::lseek(in, 5, SEEK_SET), 5);
+    int out = ::open((dir.path() / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    long long last = 0;
+    MoveControl control;
+    control.progress = [&](long long total) { last = total; };
+    MoveResult r = copy_file_to_file(in, out, control);
+    ::close(out);
+    EXPECT_EQ(r.end, MoveEnd::complete);
+    EXPECT_EQ(r.written, static_cast<long long>(content.size() - 5));
+    EXPECT_EQ(last, r.written);
+    EXPECT_EQ(dir.read("to"), content.substr(5));
+
+    ASSERT_EQ(::lseek(in, 0, SEEK_SET), 0);
+    out = ::open((dir.path() / "stopped").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    control.stop = [] { return true; };
+    EXPECT_EQ(copy_file_to_file(in, out, control).end, MoveEnd::stopped);
+    ::close(out);
+    ::close(in);
+}
