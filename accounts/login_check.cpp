@@ -44,8 +44,9 @@ void store_hash_later(Server& server, const Attempt& a) {
 void conclude(Server& server, Attempt a, bool accepted) {
     if (!accepted) {
         std::string account = a.slot->login_name;
-        server.guard.login_failed(a.slot, account, a.started,
-                                  [decided = std::move(a.decided)] { decided(false); });
+        server.guard.login_failed(
+            a.slot, account, a.started, [decided = std::move(a.decided)] { decided(false); },
+            [&server, slot = a.slot] { log_login_failure(server, *slot); });
         return;
     }
     server.guard.login_succeeded(*a.slot);
@@ -55,6 +56,34 @@ void conclude(Server& server, Attempt a, bool accepted) {
 }
 
 } // namespace
+
+void log_login_failure(Server& server, const ConnSlot& slot) {
+    int socket = slot.socket;
+    std::shared_ptr<User> user = slot.user();
+    if (!user) {
+        server.log.logf("(%i) Login failure for unknown user", socket);
+        return;
+    }
+    std::string name;
+    {
+        std::shared_lock lock(server.tree_mutex);
+        name = user->name;
+    }
+    server.log.logf("(%i) Login failure for user (%s)", socket, log_safe(name).c_str());
+}
+
+int count_login(ConnSlot& slot, User& user) {
+    int count = ++user.active_logins;
+    slot.login_counted = true;
+    return count;
+}
+
+void give_back_login(ConnSlot& slot) {
+    if (slot.login_counted.exchange(false)) {
+        if (std::shared_ptr<User> counted = slot.user())
+            --counted->active_logins;
+    }
+}
 
 void check_login(Server& server, const SlotPtr& slot, uint16_t right, std::string typed,
                  std::function<void(bool accepted)> decided) {

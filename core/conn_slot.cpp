@@ -1,6 +1,5 @@
 #include "core/conn_slot.hpp"
 
-#include "accounts/user.hpp"
 #include "core/login_guard.hpp"
 #include "core/server.hpp"
 #include "core/slot_socket.hpp"
@@ -38,13 +37,6 @@ std::shared_ptr<User> ConnSlot::checked_user() const {
     if (!logged_in.load())
         return nullptr;
     return user();
-}
-
-void ConnSlot::give_back_login() {
-    if (login_counted.exchange(false)) {
-        if (std::shared_ptr<User> counted = user())
-            --counted->active_logins;
-    }
 }
 
 std::shared_ptr<VfsNode> ConnSlot::cwd() const {

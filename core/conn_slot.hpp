@@ -91,9 +91,6 @@ class ConnSlot {
     void set_user(std::shared_ptr<User> user);
     // The user for permission checks: none until the login has completed.
     std::shared_ptr<User> checked_user() const;
-    // Lowers the user's active-login count if this session's login raised it (see
-    // login_counted), and clears the mark. Safe to call on every way out.
-    void give_back_login();
     std::shared_ptr<VfsNode> cwd() const;
     void set_cwd(std::shared_ptr<VfsNode> node);
     // Lines queued for the user, sent before the next prompt (each cut to 80 characters).

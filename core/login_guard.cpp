@@ -139,7 +139,8 @@ bool LoginGuard::banned(const ConnSlot& slot) const {
 }
 
 void LoginGuard::login_failed(const SlotPtr& slot, std::string_view account,
-                              Clock::time_point started, std::function<void()> reply) {
+                              Clock::time_point started, std::function<void()> reply,
+                              std::function<void()> gone) {
     std::shared_ptr<AddressTicket> ticket = slot->guard_ticket();
     AuthSettings settings;
     std::optional<GuardPolicy::BanStart> ban;
@@ -162,7 +163,7 @@ void LoginGuard::login_failed(const SlotPtr& slot, std::string_view account,
     if (settings.login_delay_ms <= 0) {
         if (session_gone(*slot)) {
             settle_gone_session(*slot);
-            server_.log_login_failure(*slot);
+            gone();
             return;
         }
         reply();
@@ -173,13 +174,13 @@ void LoginGuard::login_failed(const SlotPtr& slot, std::string_view account,
     slot->state = 10;
     auto timer = std::make_shared<asio::steady_timer>(server_.io());
     timer->expires_at(started + std::chrono::milliseconds(settings.login_delay_ms));
-    Server* server = &server_;
-    timer->async_wait([timer, slot, server, reply = std::move(reply)](const asio::error_code& ec) {
+    timer->async_wait([timer, slot, reply = std::move(reply),
+                       gone = std::move(gone)](const asio::error_code& ec) {
         if (ec)
             return;
         if (session_gone(*slot)) {
             settle_gone_session(*slot);
-            server->log_login_failure(*slot);
+            gone();
             return;
         }
         reply();

@@ -56,9 +56,9 @@ class LoginGuard {
     // A failed login (event thread): counted against the address (a ban may start), logged for
     // the auth log, and `reply` is run on the event thread once the pause counted from
     // `started` is over, at once when no pause is set. A session that is gone by then gets no
-    // reply; only its described failure line is logged.
+    // reply: it is settled, and `gone` runs instead (the service logs its failure line).
     void login_failed(const SlotPtr& slot, std::string_view account, Clock::time_point started,
-                      std::function<void()> reply);
+                      std::function<void()> reply, std::function<void()> gone);
     void login_succeeded(const ConnSlot& slot);
 
     // Runs `job` on a worker thread; at most a few run at once, the rest wait their turn.

@@ -1,6 +1,5 @@
 #include "core/server.hpp"
 
-#include "accounts/user.hpp"
 #include "core/conn_slot.hpp"
 #include "platform/text.hpp"
 
@@ -37,21 +36,6 @@ void Server::run_event_loop() {
 
 bool Server::on_event_thread() {
     return t_event_thread;
-}
-
-void Server::log_login_failure(const ConnSlot& slot) {
-    int socket = slot.socket;
-    std::shared_ptr<User> user = slot.user();
-    if (!user) {
-        log.logf("(%i) Login failure for unknown user", socket);
-        return;
-    }
-    std::string name;
-    {
-        std::shared_lock lock(tree_mutex);
-        name = user->name;
-    }
-    log.logf("(%i) Login failure for user (%s)", socket, log_safe(name).c_str());
 }
 
 void Server::update_title(bool full_test) {

@@ -49,8 +49,6 @@ class Server {
     Settings settings;
     Log log;
     void log_message(std::string_view text) { log.log_message(text); }
-    // "(%i) Login failure for user (%s)", or "... for unknown user" when the name matched none.
-    void log_login_failure(const ConnSlot& slot);
 
     ConnTable conns;
     WorkerRegistry workers;

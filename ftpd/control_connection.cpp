@@ -1,5 +1,6 @@
 #include "ftpd/control_connection.hpp"
 
+#include "accounts/login_check.hpp"
 #include "accounts/user.hpp"
 #include "core/reactor.hpp"
 #include "core/server.hpp"
@@ -99,7 +100,7 @@ bool close_session(FtpContext& ctx, const SlotPtr& slot) {
     }
     if (slot->stop == 1)
         slot->state = 3;
-    slot->give_back_login();
+    give_back_login(*slot);
     slot->send_text(ftp_text::kGoodbyeBanner);
     slot->send_text(ftp_text::kGoodbye);
     server.update_title();

@@ -24,7 +24,7 @@ void ftp_user(FtpContext& ctx, const SlotPtr& slot, const std::string& name) {
     // an earlier PASS counted is given back before another is counted, so that a repeated USER
     // or PASS can neither leak a count nor push somebody else's down.
     slot->logged_in = false;
-    slot->give_back_login();
+    give_back_login(*slot);
     slot->set_user(std::move(user));
     slot->login_name = name;
     slot->state = 2;
@@ -46,14 +46,13 @@ void ftp_pass_decided(const FtpContextPtr& ctx, const SlotPtr& slot, bool accept
         max_logins = user->max_logins;
     }
     slot->logged_in = false;
-    slot->give_back_login();
+    give_back_login(*slot);
     if (!accepted) {
         ftp_login_failed(*ctx, slot);
         return;
     }
 
-    int16_t active = ++user->active_logins;
-    slot->login_counted = true;
+    int16_t active = static_cast<int16_t>(count_login(*slot, *user));
     if (server.conns.user_count() > server.settings.maxusers) {
         int socket = slot->socket;
         slot->send_text(ftp_text::kServerFull);
@@ -91,7 +90,7 @@ void ftp_pass(const FtpContextPtr& ctx, const SlotPtr& slot, const std::string& 
 void ftp_login_failed(FtpContext& ctx, const SlotPtr& slot) {
     Server& server = ctx.server;
     int socket = slot->socket;
-    server.log_login_failure(*slot);
+    log_login_failure(server, *slot);
     slot->state = 1;
     slot->send_text(ftp_text::kLoginIncorrect);
     server.log.logf("Ftp Close port %i", socket);

@@ -222,6 +222,7 @@ struct TlsStream::Impl {
     template <class Call> int call(Call&& c, int& ssl_error) {
         std::lock_guard lock(mutex);
         ERR_clear_error();
+        errno = 0; // SSL_ERROR_SYSCALL with errno 0 is an end of stream
         int r = c();
         ssl_error = r > 0 ? SSL_ERROR_NONE : SSL_get_error(ssl, r);
         return r;

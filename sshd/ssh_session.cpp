@@ -74,7 +74,7 @@ template <typename T> struct Handover {
 // account's login count and limit, the home directory as the current one.
 Verdict settle_login(Server& server, const SlotPtr& slot, bool accepted, int& in_use) {
     if (!accepted) {
-        server.log_login_failure(*slot);
+        log_login_failure(server, *slot);
         slot->state = telnet::kStateLoginName;
         return Verdict::Denied;
     }
@@ -90,10 +90,10 @@ Verdict settle_login(Server& server, const SlotPtr& slot, bool accepted, int& in
     in_use = ++user->active_logins;
     slot->login_counted = true;
     if (in_use > max_logins) {
-        slot->give_back_login();
+        give_back_login(*slot);
         server.log.logf("(%i) %s - max (%i) connections in use.", slot->socket.load(),
                         log_safe(name).c_str(), max_logins);
-        server.log_login_failure(*slot);
+        log_login_failure(server, *slot);
         slot->state = telnet::kStateLoginName;
         return Verdict::Refused;
     }

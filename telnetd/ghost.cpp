@@ -1,5 +1,6 @@
 #include "telnetd/ghost.hpp"
 
+#include "accounts/login_check.hpp"
 #include "accounts/user.hpp"
 #include "client/outgoing.hpp"
 #include "core/server.hpp"
@@ -30,7 +31,7 @@ bool in_table(const Server& server, const SlotPtr& slot) {
 void free_slot(Server& server, const SlotPtr& slot) {
     server.conns.remove(slot);
     slot->stop = 1;
-    slot->give_back_login();
+    give_back_login(*slot);
     slot->take_messages();
     client::close_outgoing(server, slot);
     server.update_title(false);

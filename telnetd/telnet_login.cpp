@@ -44,8 +44,7 @@ void password_decided(Server& server, const SlotPtr& slot, bool accepted) {
         login_failure(server, slot);
         return;
     }
-    int in_use = ++user->active_logins;
-    slot->login_counted = true;
+    int in_use = count_login(*slot, *user);
     if (in_use > max_logins) {
         slot->send_text(strf("%s - max (%i) connections in use.\r\n", name.c_str(), max_logins));
         slot->fail_count = 3;
@@ -80,7 +79,7 @@ void login_password(Server& server, const SlotPtr& slot, const std::string& type
 void login_failure(Server& server, const SlotPtr& slot) {
     int tries = ++slot->fail_count;
     int socket = slot->socket;
-    server.log_login_failure(*slot);
+    log_login_failure(server, *slot);
     if (tries >= 3) {
         server.log.logf("Telnet Close port %i", socket);
         slot->close_control();

@@ -273,7 +273,12 @@ class Hostile(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
+        # The orderly exit, where a sanitizer build reports what leaked.
+        status = cls.server.stop()
+        reports = cls.server.sanitizer_reports()
         cls.server.close()
+        if status != 0 or reports:
+            raise AssertionError("exit status %r, sanitizer: %r" % (status, reports[:5]))
 
     def auth(self):
         s = socket.create_connection(("127.0.0.1", self.server.ftp_port), timeout=WAIT)
