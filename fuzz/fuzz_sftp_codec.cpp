@@ -21,7 +21,8 @@ void check_replies(std::string_view out) {
         fuzz::check(r.ok() && len >= 5 && len <= out.size() - 4, "reply packet out of its bytes");
         uint8_t type = r.u8();
         fuzz::check(type == sftp::kVersion ||
-                        (type >= sftp::kStatusReply && type <= sftp::kAttrsReply),
+                        (type >= sftp::kStatusReply && type <= sftp::kAttrsReply) ||
+                        type == sftp::kExtendedReply,
                     "reply of a request type");
         fuzz::check(len <= sftp::kMaxReadChunk + 64 || type == sftp::kNameReply,
                     "reply larger than a read");

@@ -10,6 +10,7 @@ packages=(
   curl lftp telnet expect tmux socat python3 python3-pyftpdlib wget busybox tnftp
   clang libclang-rt-14-dev
   libcrypt-dev libsystemd-dev libssh-dev libssl-dev pkg-config lintian dpkg-dev systemd
+  openssh-client sshpass python3-paramiko ssh-audit
   openssl testssl.sh
 )
 if [ "${ORVANE_BENCH_PEERS:-0}" = 1 ]; then

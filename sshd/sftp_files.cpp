@@ -8,6 +8,7 @@
 #include "ftpd/transfers.hpp"
 #include "platform/files.hpp"
 #include "platform/staged_file.hpp"
+#include "vfs/busy_mark.hpp"
 #include "vfs/entry_rules.hpp"
 #include "vfs/host_files.hpp"
 #include "vfs/live_tree.hpp"
@@ -477,12 +478,17 @@ Status Files::readdir(std::string_view handle, std::vector<NameEntry>& out) {
 
 Status Files::stat(std::string_view path, Attrs& out) {
     refresh(path);
+    std::shared_ptr<User> user = slot_->checked_user();
     HostPath host;
     {
         std::shared_lock lock(server_.tree_mutex);
         NodePtr node = resolve(path);
         if (!node)
             return kNoSuchFile;
+        // As for a file's time over FTP: its directory or the node itself must be readable.
+        NodePtr parent = node->parent_node();
+        if (!can_read(user.get(), parent ? *parent : *node) && !can_read_path(user.get(), *node))
+            return kPermissionDenied;
         out = node_attrs(*node);
         host = node_host_path(*server_.vfs, *node);
     }
@@ -632,14 +638,12 @@ Status Files::rmdir(std::string_view path) {
             return kPermissionDenied;
         if (!node->children.empty())
             return kFailure;
-        uint8_t normal = kStatusNormal;
-        if (!node->status.compare_exchange_strong(normal, kStatusBusy))
+        if (!try_mark_busy(*node))
             return kFailure;
         host = node_host_path(*server_.vfs, *node);
     }
     if (!remove_host_dir(host)) {
-        uint8_t busy = kStatusBusy;
-        node->status.compare_exchange_strong(busy, kStatusNormal);
+        clear_busy(*node);
         return kFailure;
     }
     std::unique_lock lock(server_.tree_mutex);
@@ -663,14 +667,12 @@ Status Files::remove(std::string_view path) {
         if (!may_take_out(user.get(), *node) || !can_write(user.get(), *node))
             return kPermissionDenied;
         // A file in use by a transfer or a copy stays.
-        uint8_t normal = kStatusNormal;
-        if (!node->status.compare_exchange_strong(normal, kStatusBusy))
+        if (!try_mark_busy(*node))
             return kFailure;
         host = node_host_path(*server_.vfs, *node);
     }
     if (!remove_host_file(host)) {
-        uint8_t busy = kStatusBusy;
-        node->status.compare_exchange_strong(busy, kStatusNormal);
+        clear_busy(*node);
         return kFailure;
     }
     std::unique_lock lock(server_.tree_mutex);

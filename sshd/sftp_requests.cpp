@@ -38,6 +38,10 @@ bool Session::handle(std::string_view packet, std::string& out) {
         Writer w(out);
         w.begin(kVersion);
         w.u32(kVersion3);
+        // Announcing the limits lets clients move up to a whole read chunk per request
+        // instead of their cautious default.
+        w.str(kLimitsExtension);
+        w.str("1");
         w.finish();
         started_ = true;
         return true;
@@ -172,8 +176,24 @@ bool Session::handle(std::string_view packet, std::string& out) {
             status = files_.rename(from, to);
         break;
     }
+    case kExtended: {
+        std::string_view name = r.str();
+        if (r.ok() && name == kLimitsExtension) {
+            Writer w(out);
+            w.begin(kExtendedReply);
+            w.u32(id);
+            w.u64(kMaxPacket);
+            w.u64(kMaxReadChunk);
+            w.u64(kMaxReadChunk); // the most one write may carry
+            w.u64(kMaxHandles);
+            w.finish();
+            return true;
+        }
+        status = kOpUnsupported;
+        break;
+    }
     default:
-        // Links (the tree has none) and extensions.
+        // Links (the tree has none).
         status = kOpUnsupported;
         break;
     }

@@ -10,6 +10,8 @@ namespace orv::sftp {
 
 // The protocol version served.
 constexpr uint32_t kVersion3 = 3;
+// The one extension served: the sizes and counts this server accepts.
+constexpr const char kLimitsExtension[] = "limits@openssh.com";
 
 class Session {
   public:

@@ -4,6 +4,8 @@
 #include "ftpd/ftp_context.hpp"
 #include "sshd/sftp_requests.hpp"
 
+#include <libssh/server.h>
+
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -107,6 +109,8 @@ void serve_sftp(Server& server, const SlotPtr& slot, ssh_session, ssh_channel ch
         // The handles close here: busy marks go back, unfinished uploads are thrown away.
     }
     if (ssh_channel_is_open(channel)) {
+        // Clients such as scp count a channel closed without an exit status as a failure.
+        ssh_channel_request_send_exit_status(channel, 0);
         ssh_channel_send_eof(channel);
         ssh_channel_close(channel);
     }

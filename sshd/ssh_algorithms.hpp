@@ -12,4 +12,8 @@ inline constexpr const char kCiphers[] =
     "aes192-ctr,aes128-ctr";
 inline constexpr const char kMacs[] = "hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com";
 
+// The software part of the version line: the server's own name, not the library's, so that
+// scanners do not match our listener against the library's old advisories by version.
+inline constexpr const char kVersionBanner[] = "OrvaneServer_" ORVANE_VERSION;
+
 } // namespace orv::ssh

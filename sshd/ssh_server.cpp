@@ -32,6 +32,11 @@ bool SshServer::start() {
             return false;
         }
         bind_ = ssh_bind_new();
+        // The algorithm lists below are the whole story: no system-wide library file changes
+        // them behind the administrator's back.
+        bool no_config = false;
+        if (bind_)
+            ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_PROCESS_CONFIG, &no_config);
         // The bind takes the key over.
         bool ok = bind_ && ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_IMPORT_KEY, key) == 0;
         if (!ok) {
@@ -44,7 +49,8 @@ bool SshServer::start() {
                  ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_CIPHERS_C_S, ssh::kCiphers) == 0 &&
                  ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_CIPHERS_S_C, ssh::kCiphers) == 0 &&
                  ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_HMAC_C_S, ssh::kMacs) == 0 &&
-                 ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_HMAC_S_C, ssh::kMacs) == 0;
+                 ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_HMAC_S_C, ssh::kMacs) == 0 &&
+                 ssh_bind_options_set(bind_, SSH_BIND_OPTIONS_BANNER, ssh::kVersionBanner) == 0;
         }
         if (!ok) {
             server_.log_message("  SSH - Setup error");

@@ -5,6 +5,7 @@
 #include "accounts/user.hpp"
 #include "core/server.hpp"
 #include "platform/text.hpp"
+#include "sshd/authorized_keys.hpp"
 #include "sshd/sftp_subsystem.hpp"
 #include "sshd/ssh_bridge.hpp"
 #include "telnetd/ghost.hpp"
@@ -49,11 +50,15 @@ using Clock = std::chrono::steady_clock;
 // The whole login (key exchange included) must be over this long after the connection came.
 constexpr auto kLoginLimit = std::chrono::seconds(30);
 constexpr int kMaxTries = 3;
+// Clients offer their keys one after the other; more offers than this end the connection.
+constexpr int kMaxKeyOffers = 10;
 // How often the loop looks at the stop flags and the deadline.
 constexpr int kPollMs = 100;
 // Bytes the shell has not taken yet beyond which the channel's data waits in the channel
 // (its window closes, so the client slows down).
 constexpr size_t kShellBacklog = 64 * 1024;
+// How long a finished channel waits for the client to close it and hang up.
+constexpr auto kLingerLimit = std::chrono::seconds(2);
 
 enum class Verdict { Accepted, Denied, Refused };
 enum class Mode { None, Shell, Exec, Sftp };
@@ -129,6 +134,7 @@ class Session {
   private:
     // libssh callbacks (this thread, inside the library's polling).
     static int on_password(ssh_session, const char* user, const char* password, void* self);
+    static int on_pubkey(ssh_session, const char* user, ssh_key key, char state, void* self);
     static ssh_channel on_channel_open(ssh_session session, void* self);
     static int on_pty(ssh_session, ssh_channel, const char*, int, int, int, int, void* self);
     static int on_window_change(ssh_session, ssh_channel, int, int, int, int, void*) { return 0; }
@@ -138,16 +144,20 @@ class Session {
     static int on_data(ssh_session, ssh_channel, void* data, uint32_t len, int is_stderr,
                        void* self);
     static void on_channel_close(ssh_session, ssh_channel, void* self);
+    static void on_channel_eof(ssh_session, ssh_channel, void* self);
     static int on_shell_output(socket_t fd, int revents, void* self);
 
-    Verdict check_password(const std::string& name, const std::string& typed);
+    // `typed` is the password, or none for a key that was already proved to be the client's.
+    Verdict check_login_of(const std::string& name, std::optional<std::string> typed);
     bool has_right(uint16_t right) const;
     bool request(Mode mode);
     void start_shell();
     void read_shell_output();
     void flush_to_shell();
+    void take_channel_backlog();
     void write_channel(std::string_view bytes);
     void finish_channel(int status);
+    void answer_for_absent_client();
     bool should_stop() const;
     void end();
 
@@ -165,12 +175,15 @@ class Session {
     bool fd_watched_ = false;
 
     int tries_ = 0;
+    int key_offers_ = 0;
     bool authed_ = false;
     bool give_up_ = false;
     int in_use_ = 0;
 
     ssh_channel channel_ = nullptr;
     bool channel_closed_ = false;
+    bool client_eof_ = false;
+    Clock::time_point last_answer_{};
     bool pty_ = false;
     Mode requested_ = Mode::None;
     Mode mode_ = Mode::None;
@@ -189,7 +202,7 @@ int Session::on_password(ssh_session, const char* user, const char* password, vo
     if (s.authed_ || s.give_up_)
         return SSH_AUTH_DENIED;
     ++s.tries_;
-    Verdict v = s.check_password(user ? user : "", password ? password : "");
+    Verdict v = s.check_login_of(user ? user : "", std::string(password ? password : ""));
     if (v == Verdict::Accepted) {
         s.authed_ = true;
         return SSH_AUTH_SUCCESS;
@@ -199,13 +212,56 @@ int Session::on_password(ssh_session, const char* user, const char* password, vo
     return SSH_AUTH_DENIED;
 }
 
+int Session::on_pubkey(ssh_session, const char* user, ssh_key key, char state, void* self) {
+    auto& s = *static_cast<Session*>(self);
+    if (s.authed_ || s.give_up_ || !user)
+        return SSH_AUTH_DENIED;
+    if (++s.key_offers_ > kMaxKeyOffers) {
+        s.give_up_ = true;
+        return SSH_AUTH_DENIED;
+    }
+    if (!key_is_authorized(s.server_.start_dir, user, key))
+        return SSH_AUTH_DENIED;
+    // An offer of a listed key is answered yes; the login happens once the client has
+    // proved with its signature that it holds the private key.
+    if (state == SSH_PUBLICKEY_STATE_NONE)
+        return SSH_AUTH_SUCCESS;
+    if (state != SSH_PUBLICKEY_STATE_VALID)
+        return SSH_AUTH_DENIED;
+    Verdict v = s.check_login_of(user, std::nullopt);
+    if (v == Verdict::Accepted) {
+        s.authed_ = true;
+        return SSH_AUTH_SUCCESS;
+    }
+    s.give_up_ = true;
+    return SSH_AUTH_DENIED;
+}
+
+// A key login: the account's right and the address's ban decide, as they would for a password.
+void key_login(Server& server, const SlotPtr& slot, std::function<void(bool)> decided) {
+    std::shared_ptr<User> user = slot->user();
+    bool may = false;
+    if (user) {
+        std::shared_lock lock(server.tree_mutex);
+        may = user->has_right(kRightTelnetIn | kRightFtpIn);
+    }
+    if (!may || server.guard.banned(*slot)) {
+        server.guard.login_failed(
+            slot, slot->login_name, LoginGuard::Clock::now(), [decided] { decided(false); },
+            [&server, slot] { log_login_failure(server, *slot); });
+        return;
+    }
+    server.guard.login_succeeded(*slot);
+    decided(true);
+}
+
 // The decision is made on the event thread, which owns the slot's login fields; this thread
 // waits for it (the defence's pause included), or gives up when the server stops.
-Verdict Session::check_password(const std::string& name, const std::string& typed) {
+Verdict Session::check_login_of(const std::string& name, std::optional<std::string> typed) {
     auto answer = std::make_shared<Handover<std::pair<Verdict, int>>>();
     Server& server = server_;
     SlotPtr slot = slot_;
-    server.post([&server, slot, name, typed, answer] {
+    server.post([&server, slot, name, typed = std::move(typed), answer] {
         if (!slot->control_open() || server.stopping) {
             answer->set({Verdict::Denied, 0});
             return;
@@ -218,12 +274,15 @@ Verdict Session::check_password(const std::string& name, const std::string& type
         }
         slot->set_user(std::move(user));
         slot->login_name = name;
-        check_login(server, slot, kRightTelnetIn | kRightFtpIn, typed,
-                    [&server, slot, answer](bool accepted) {
-                        int in_use = 0;
-                        Verdict v = settle_login(server, slot, accepted, in_use);
-                        answer->set({v, in_use});
-                    });
+        auto decided = [&server, slot, answer](bool accepted) {
+            int in_use = 0;
+            Verdict v = settle_login(server, slot, accepted, in_use);
+            answer->set({v, in_use});
+        };
+        if (typed)
+            check_login(server, slot, kRightTelnetIn | kRightFtpIn, *typed, decided);
+        else
+            key_login(server, slot, decided);
     });
     std::unique_lock lock(answer->mutex);
     while (!answer->value) {
@@ -255,6 +314,7 @@ ssh_channel Session::on_channel_open(ssh_session session, void* self) {
     s.channel_cb_.userdata = &s;
     s.channel_cb_.channel_data_function = on_data;
     s.channel_cb_.channel_close_function = on_channel_close;
+    s.channel_cb_.channel_eof_function = on_channel_eof;
     s.channel_cb_.channel_pty_request_function = on_pty;
     s.channel_cb_.channel_pty_window_change_function = on_window_change;
     s.channel_cb_.channel_shell_request_function = on_shell;
@@ -309,8 +369,11 @@ int Session::on_data(ssh_session, ssh_channel, void* data, uint32_t len, int is_
     auto& s = *static_cast<Session*>(self);
     if (is_stderr)
         return static_cast<int>(len);
-    // Until the shell runs, and while it lags behind, the data stays in the channel.
-    if (!s.adopted_ || s.to_shell_.size() > kShellBacklog)
+    // Data stays in the channel until a shell or a command takes it (the SFTP subsystem reads
+    // the channel itself), and while the shell lags behind (the channel's window closes); the
+    // loop takes it from there.
+    bool for_shell = s.requested_ == Mode::Shell || s.requested_ == Mode::Exec;
+    if (!for_shell || s.to_shell_.size() > kShellBacklog)
         return 0;
     s.to_shell_ += s.input_.encode(std::string_view(static_cast<const char*>(data), len));
     s.flush_to_shell();
@@ -321,12 +384,50 @@ void Session::on_channel_close(ssh_session, ssh_channel, void* self) {
     static_cast<Session*>(self)->channel_closed_ = true;
 }
 
+void Session::on_channel_eof(ssh_session, ssh_channel, void* self) {
+    static_cast<Session*>(self)->client_eof_ = true;
+}
+
+// A command whose client has no more input to give (`ssh HOST more FILE < /dev/null`) would
+// wait at the pager or a question for ever: the pager gets a space (the whole text comes),
+// a question "n".
+void Session::answer_for_absent_client() {
+    if (mode_ != Mode::Exec || !client_eof_ || !to_shell_.empty())
+        return;
+    auto now = Clock::now();
+    if (now - last_answer_ < std::chrono::milliseconds(200))
+        return;
+    uint8_t state = slot_->state;
+    if (state == telnet::kStateMorePage)
+        to_shell_ = " ";
+    else if (state == telnet::kStateQuestion)
+        to_shell_ = "n\r\n";
+    else
+        return;
+    last_answer_ = now;
+    flush_to_shell();
+}
+
 int Session::on_shell_output(socket_t, int, void* self) {
     static_cast<Session*>(self)->read_shell_output();
     return 0;
 }
 
+void Session::take_channel_backlog() {
+    char buffer[16384];
+    while (channel_ && !channel_closed_ && to_shell_.size() <= kShellBacklog &&
+           ssh_channel_poll(channel_, 0) > 0) {
+        int n = ssh_channel_read_nonblocking(channel_, buffer, sizeof buffer, 0);
+        if (n <= 0)
+            return;
+        to_shell_ += input_.encode(std::string_view(buffer, static_cast<size_t>(n)));
+    }
+}
+
 void Session::flush_to_shell() {
+    // Until the shell has taken the slot over, what the client typed waits here.
+    if (!adopted_)
+        return;
     while (!to_shell_.empty()) {
         ssize_t n =
             ::send(bridge_fd_, to_shell_.data(), to_shell_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -382,7 +483,7 @@ void Session::start_shell() {
     options.in_use = in_use_;
     if (mode_ == Mode::Exec) {
         ShellInput fresh;
-        to_shell_ = fresh.encode(command_) + "\r\n";
+        to_shell_.insert(0, fresh.encode(command_) + "\r\n");
     }
     Server& server = server_;
     SlotPtr slot = slot_;
@@ -402,6 +503,20 @@ void Session::finish_channel(int status) {
     ssh_channel_request_send_exit_status(channel_, status);
     ssh_channel_send_eof(channel_);
     ssh_channel_close(channel_);
+    // The client answers the close and then hangs up itself; hanging up first would make it
+    // report a broken connection instead of the exit status.
+    auto until = Clock::now() + kLingerLimit;
+    while (!channel_closed_ && Clock::now() < until && !server_.stopping &&
+           !(ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR))) {
+        if (ssh_event_dopoll(event_, kPollMs) == SSH_ERROR)
+            break;
+    }
+    until = Clock::now() + kLingerLimit;
+    while (Clock::now() < until && !server_.stopping &&
+           !(ssh_get_status(session_) & (SSH_CLOSED | SSH_CLOSED_ERROR))) {
+        if (ssh_event_dopoll(event_, kPollMs) == SSH_ERROR)
+            break;
+    }
 }
 
 bool Session::should_stop() const {
@@ -417,10 +532,11 @@ bool Session::should_stop() const {
 void Session::run() {
     server_cb_.userdata = this;
     server_cb_.auth_password_function = on_password;
+    server_cb_.auth_pubkey_function = on_pubkey;
     server_cb_.channel_open_request_session_function = on_channel_open;
     ssh_callbacks_init(&server_cb_);
     ssh_set_server_callbacks(session_, &server_cb_);
-    ssh_set_auth_methods(session_, SSH_AUTH_METHOD_PASSWORD);
+    ssh_set_auth_methods(session_, SSH_AUTH_METHOD_PASSWORD | SSH_AUTH_METHOD_PUBLICKEY);
 
     if (ssh_handle_key_exchange(session_) != SSH_OK) {
         end();
@@ -454,8 +570,11 @@ void Session::run() {
         }
         if (requested_ != Mode::None && mode_ == Mode::None)
             start_shell();
-        if (adopted_)
+        if (adopted_) {
+            take_channel_backlog();
             flush_to_shell();
+            answer_for_absent_client();
+        }
         if (mode_ == Mode::Exec && !exec_.done())
             write_channel(exec_.feed({}, slot_->state == telnet::kStateShell));
         if (mode_ == Mode::Exec && exec_.done()) {

@@ -145,7 +145,9 @@ class SftpRequests : public ::testing::Test {
     void init() {
         std::string out;
         ASSERT_TRUE(session->handle(std::string(1, sftp::kInit) + be32(3), out));
-        EXPECT_EQ(out, be32(5) + std::string(1, sftp::kVersion) + be32(3));
+        std::string body =
+            std::string(1, sftp::kVersion) + be32(3) + sstr("limits@openssh.com") + sstr("1");
+        EXPECT_EQ(out, be32(static_cast<uint32_t>(body.size())) + body);
     }
 
     TestServer server;
@@ -167,6 +169,16 @@ TEST_F(SftpRequests, StatusCodesForUnsupportedAndMalformedRequests) {
     EXPECT_EQ(status_of(request(sftp::kSymlink, 7, sstr("a") + sstr("b"))), sftp::kOpUnsupported);
     EXPECT_EQ(status_of(request(sftp::kReadlink, 7, sstr("a"))), sftp::kOpUnsupported);
     EXPECT_EQ(status_of(request(sftp::kExtended, 7, sstr("posix-rename@x"))), sftp::kOpUnsupported);
+    // The limits announced are the ones enforced: a whole read chunk per request.
+    std::string keep;
+    sftp::Reader r("");
+    ASSERT_TRUE(ask(request(sftp::kExtended, 8, sstr("limits@openssh.com")), r, keep));
+    EXPECT_EQ(r.u8(), sftp::kExtendedReply);
+    EXPECT_EQ(r.u32(), 8u);
+    EXPECT_EQ(r.u64(), sftp::kMaxPacket);
+    EXPECT_EQ(r.u64(), sftp::kMaxReadChunk);
+    EXPECT_EQ(r.u64(), sftp::kMaxReadChunk);
+    EXPECT_EQ(r.u64(), sftp::kMaxHandles);
     EXPECT_EQ(status_of(request(sftp::kStat, 7, be32(100) + "short")), sftp::kBadMessage);
     EXPECT_EQ(status_of(request(sftp::kClose, 7, sstr("nope"))), sftp::kFailure);
     EXPECT_EQ(status_of(request(sftp::kStat, 7, sstr("/missing"))), sftp::kNoSuchFile);

@@ -192,6 +192,8 @@ TEST_F(SftpFiles, PermissionRulesHoldForEveryOperation) {
     std::vector<Case> cases = {
         {"read without r", [&](sftp::Files& f) { return f.open("/locked/secret.txt", 1, h); },
          sftp::kPermissionDenied},
+        {"stat in an unreadable dir",
+         [&](sftp::Files& f) { return f.stat("/locked/secret.txt", a); }, sftp::kPermissionDenied},
         {"list without r", [&](sftp::Files& f) { return f.opendir("/locked", h); },
          sftp::kPermissionDenied},
         {"create without w on dir",
