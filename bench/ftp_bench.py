@@ -33,12 +33,19 @@ LIST_FILES = 10000
 LOGIN_CLIENTS = 8
 IDLE_SESSIONS = 200
 IDLE_MANY = 10000
-PEER_PACKAGES = {"vsftpd": "vsftpd", "proftpd": "proftpd-core", "pure-ftpd": "pure-ftpd"}
+PEER_PACKAGES = {"vsftpd": ["vsftpd"], "proftpd": ["proftpd-core", "proftpd-mod-crypto"],
+                 "pure-ftpd": ["pure-ftpd"]}
 # What the peers' binaries need beside themselves; they are unpacked, not installed, because
 # Debian lets only one FTP server package be installed at a time.
 PEER_LIBRARIES = ["libwrap0", "libhiredis0.14", "libmemcached11", "libmemcachedutil2",
                   "libpcre2-posix3", "libsodium23", "libcap2", "libpam-modules"]
 WAIT = 60.0
+# The passive ports every server is given (away from the servers' own defaults, which tests
+# running beside a benchmark may use).
+PASSIVE_PORTS = (40000, 40999)
+# FTPS: one protocol version and one cipher for all servers, which the load client also pins.
+TLS_VERSION = "1.2"
+TLS_CIPHER = "ECDHE-RSA-AES128-GCM-SHA256"
 ROUNDS = 3  # rounds of the transfer workloads when peers are measured
 
 # The issue's anchors (best peer per figure, measured earlier on this kind of machine). Shown
@@ -76,7 +83,8 @@ def free_port():
         return s.getsockname()[1]
 
 
-def wait_port(port, proc, limit=WAIT):
+def wait_port(port, proc, limit=WAIT, banner=b"220"):
+    """Waits until the server on `port` greets with `banner`."""
     end = time.monotonic() + limit
     while time.monotonic() < end:
         if proc.poll() is not None:
@@ -84,7 +92,7 @@ def wait_port(port, proc, limit=WAIT):
         try:
             with socket.create_connection(("127.0.0.1", port), timeout=2) as s:
                 s.settimeout(5)
-                if s.recv(4).startswith(b"220"):
+                if s.recv(4).startswith(banner):
                     return
         except OSError:
             pass
@@ -188,18 +196,20 @@ def unpack_peers(work):
     debs = os.path.join(work, "debs")
     os.makedirs(debs, exist_ok=True)
     os.chmod(debs, 0o777)
-    for name, package in PEER_PACKAGES.items():
+    for name, packages in PEER_PACKAGES.items():
         root = os.path.join(work, "peers", name)
-        if not os.path.exists(os.path.join(root, ".unpacked")):
+        os.makedirs(root, exist_ok=True)
+        for package in packages:  # proftpd's TLS module comes in a package of its own
+            marker = os.path.join(root, ".unpacked-" + package)
+            if os.path.exists(marker):
+                continue
             found = [f for f in os.listdir(debs) if f.startswith(package + "_")]
             if not found:
                 log("downloading %s ..." % package)
                 run(["apt-get", "download", package], cwd=debs, capture_output=True)
                 found = [f for f in os.listdir(debs) if f.startswith(package + "_")]
-            shutil.rmtree(root, ignore_errors=True)
-            os.makedirs(root)
             run(["dpkg-deb", "-x", os.path.join(debs, sorted(found)[-1]), root])
-            open(os.path.join(root, ".unpacked"), "w").close()
+            open(marker, "w").close()
         roots[name] = root
     return roots
 
@@ -230,12 +240,36 @@ def remove_cpu_group(path):
             pass
 
 
+class Setup:
+    """What every server of a run is configured for: passive mode (a port range), FTPS (the
+    certificate and key files) or neither."""
+
+    def __init__(self, passive=False, tls=None):
+        self.passive = passive
+        self.tls = tls  # (certificate, key) or None
+
+
+def make_certificate(work):
+    """A self-signed RSA certificate that all servers present; made once."""
+    folder = os.path.join(work, "tls")
+    cert, key = os.path.join(folder, "cert.pem"), os.path.join(folder, "key.pem")
+    if not (os.path.exists(cert) and os.path.exists(key)):
+        os.makedirs(folder, exist_ok=True)
+        run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "3650",
+             "-subj", "/CN=127.0.0.1", "-keyout", key, "-out", cert], capture_output=True)
+    os.chmod(key, 0o600)
+    return cert, key
+
+
 class ServerProcess:
     name = ""
+    banner = b"220"  # how the server's greeting starts
+    port_20 = True  # whether it makes data connections from port 20
 
-    def __init__(self, home, conf_dir):
+    def __init__(self, home, conf_dir, setup):
         self.home = home
         self.dir = conf_dir
+        self.setup = setup
         self.port = free_port()
         self.proc = None
         self.cgroup = None
@@ -245,7 +279,8 @@ class ServerProcess:
         raise NotImplementedError
 
     def start(self):
-        wait_port_20()
+        if self.port_20:
+            wait_port_20()
         self.out = open(os.path.join(self.dir, "output.log"), "wb")
         self.cgroup = make_cpu_group(self.name)
         procs = os.path.join(self.cgroup, "cgroup.procs") if self.cgroup else None
@@ -263,14 +298,15 @@ class ServerProcess:
                                          stderr=subprocess.STDOUT, start_new_session=True,
                                          preexec_fn=enter_group)
             try:
-                wait_port(self.port, self.proc)
+                wait_port(self.port, self.proc, banner=self.banner)
                 return
             except RuntimeError:
                 if attempt == 2:
                     raise
                 log("  %s did not start, trying again ..." % self.name)
                 self.kill_group()
-                wait_port_20()
+                if self.port_20:
+                    wait_port_20()
 
     def pids(self):
         """The server's processes: the one started and everything below it."""
@@ -362,12 +398,20 @@ class ServerProcess:
 class Orvane(ServerProcess):
     name = "Orvane"
 
-    def __init__(self, home, conf_dir, binary):
-        super().__init__(home, conf_dir)
+    def __init__(self, home, conf_dir, setup, binary):
+        super().__init__(home, conf_dir, setup)
         self.binary = binary
         with open(os.path.join(conf_dir, "settings.ini"), "w") as f:
             f.write("[Server_Settings]\nserverhome=%s\nmaxusers=%d\n[Services]\ntelnet=0\n"
                     "ftp=1\nftp_port=%d\n" % (home, IDLE_MANY, self.port))
+            # Without extension keys the server speaks the classic command set; passive mode
+            # and FTPS come with the newer one, which then also serves the active-mode runs.
+            if setup.passive or setup.tls:
+                f.write("[Extensions]\nftp_modern=1\npassive_ports=%d-%d\n" % PASSIVE_PORTS)
+            if setup.tls:
+                for name, path in zip(("cert.pem", "key.pem"), setup.tls):
+                    shutil.copy(path, os.path.join(conf_dir, name))
+                f.write("ftps=1\ntls_certificate=cert.pem\ntls_private_key=key.pem\n")
         encoded = run([binary, "--encode-password", ACCOUNT, PASSWORD], capture_output=True,
                       text=True).stdout.strip()
         with open(os.path.join(conf_dir, "users"), "w") as f:
@@ -390,8 +434,8 @@ class Orvane(ServerProcess):
 class Vsftpd(ServerProcess):
     name = "vsftpd"
 
-    def __init__(self, home, conf_dir, root):
-        super().__init__(home, conf_dir)
+    def __init__(self, home, conf_dir, setup, root):
+        super().__init__(home, conf_dir, setup)
         self.root = root
         empty = os.path.join(conf_dir, "empty")
         os.makedirs(empty, exist_ok=True)
@@ -405,7 +449,14 @@ class Vsftpd(ServerProcess):
                 # No service file of its own: PAM's "other" service, the system's common-auth.
                 "pam_service_name=orvbench-vsftpd", "secure_chroot_dir=%s" % empty,
                 "xferlog_enable=NO", "dirmessage_enable=NO", "tcp_wrappers=NO",
-                "userlist_enable=NO", "chroot_local_user=NO", ""]))
+                "userlist_enable=NO", "chroot_local_user=NO",
+                "pasv_enable=%s" % ("YES" if setup.passive else "NO"),
+                "pasv_min_port=%d" % PASSIVE_PORTS[0], "pasv_max_port=%d" % PASSIVE_PORTS[1]]
+                + (["ssl_enable=YES", "rsa_cert_file=%s" % setup.tls[0],
+                    "rsa_private_key_file=%s" % setup.tls[1], "ssl_ciphers=%s" % TLS_CIPHER,
+                    "force_local_logins_ssl=YES", "force_local_data_ssl=YES",
+                    "require_ssl_reuse=YES", "ssl_request_cert=NO", "allow_anon_ssl=NO"]
+                   if setup.tls else []) + [""]))
         os.chmod(conf, 0o600)
         self.conf = conf
 
@@ -416,8 +467,8 @@ class Vsftpd(ServerProcess):
 class Proftpd(ServerProcess):
     name = "proftpd"
 
-    def __init__(self, home, conf_dir, root):
-        super().__init__(home, conf_dir)
+    def __init__(self, home, conf_dir, setup, root):
+        super().__init__(home, conf_dir, setup)
         self.root = root
         conf = os.path.join(conf_dir, "proftpd.conf")
         os.chmod(conf_dir, 0o755)
@@ -432,7 +483,15 @@ class Proftpd(ServerProcess):
                 "IdentLookups off", "</IfModule>", "RequireValidShell off",
                 "AuthOrder mod_auth_unix.c", "AllowOverwrite on", "TransferLog none",
                 "SystemLog %s/system.log" % conf_dir, "UseSendfile on",
-                "ModulePath %s/usr/lib/proftpd" % root, ""]))
+                "ModulePath %s/usr/lib/proftpd" % root,
+                "PassivePorts %d %d" % PASSIVE_PORTS]
+                # The data connections must resume the control connection's TLS session (the
+                # module's default), as for the other servers.
+                + (["LoadModule mod_tls.c", "TLSEngine on", "TLSRequired on",
+                    "TLSRSACertificateFile %s" % setup.tls[0],
+                    "TLSRSACertificateKeyFile %s" % setup.tls[1],
+                    "TLSProtocol TLSv%s" % TLS_VERSION, "TLSCipherSuite %s" % TLS_CIPHER,
+                    "TLSVerifyClient off"] if setup.tls else []) + [""]))
         self.conf = conf
 
     def command(self):
@@ -443,12 +502,13 @@ class Proftpd(ServerProcess):
 class PureFtpd(ServerProcess):
     name = "pure-ftpd"
 
-    def __init__(self, home, conf_dir, root):
-        super().__init__(home, conf_dir)
+    def __init__(self, home, conf_dir, setup, root):
+        super().__init__(home, conf_dir, setup)
         self.root = root
 
     def command(self):
         return [os.path.join(self.root, "usr/sbin/pure-ftpd"),
+                "--passiveportrange", "%d:%d" % PASSIVE_PORTS,
                 "--bind", "127.0.0.1,%d" % self.port, "--dontresolve", "--noanonymous",
                 "--login", "unix", "--maxclientsnumber", str(IDLE_MANY + 100),
                 "--maxclientsperip", str(IDLE_MANY + 100), "--syslogfacility", "none"]
@@ -459,9 +519,16 @@ class PureFtpd(ServerProcess):
 
 
 class Load:
-    def __init__(self, binary, server):
+    """The load client against one server, in one data connection mode ("active" or
+    "passive"), under TLS when the server's setup has it."""
+
+    def __init__(self, binary, server, mode="active"):
         self.binary = binary
         self.server = server
+        self.env = dict(os.environ, FTP_LOAD_PASSIVE="1" if mode == "passive" else "0")
+        if server.setup.tls:
+            self.env.update(FTP_LOAD_TLS="1", FTP_LOAD_TLS_VERSION=TLS_VERSION,
+                            FTP_LOAD_CIPHERS=TLS_CIPHER)
 
     def base(self):
         return [self.binary, str(self.server.port), ACCOUNT, PASSWORD]
@@ -469,7 +536,7 @@ class Load:
     def values(self, args, key, on_ready=None, timeout=600):
         """Runs one workload and returns its `key` values. With `on_ready`, the client waits
         once its sessions are logged in; on_ready() is called then and the work starts."""
-        env = dict(os.environ, FTP_LOAD_SYNC="1") if on_ready else None
+        env = dict(self.env, FTP_LOAD_SYNC="1") if on_ready else self.env
         proc = subprocess.Popen(self.base() + args, stdin=subprocess.PIPE,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                 env=env)
@@ -498,7 +565,7 @@ class Load:
     def idle(self, count, settle=1.0):
         """Holds `count` logged-in sessions and returns the server's PSS meanwhile."""
         proc = subprocess.Popen(self.base() + ["idle", str(count)], stdin=subprocess.PIPE,
-                                stdout=subprocess.PIPE, text=True)
+                                stdout=subprocess.PIPE, text=True, env=self.env)
         try:
             opened = None
             end = time.monotonic() + 300
@@ -579,28 +646,45 @@ def transfers(server, load, home, quick):
     return rates, cpu
 
 
-def measure(server, load, home, quick, extra):
-    """The figures of one server, and the CPU time it spent on each workload per unit of
-    work (which the machine's other load does not change much)."""
-    res, cpu, notes = {}, {}, []
-    log("  logins ...")
-    seconds = 2 if quick else 5
-    before = server.cpu_seconds()
-    login_rates = load.values(["logins", str(LOGIN_CLIENTS), str(seconds)], "logins_per_s")
-    res["logins"] = median(login_rates)
-    res["spread"] = {"logins": (min(login_rates), max(login_rates))}
-    logins = max(1.0, res["logins"] * seconds)
-    cpu["logins"] = [spent_since(server, before) / logins * 1e3]
-    cpu["client logins"] = [load.client_cpu / logins * 1e3]
-    log("  list ...")
-    count = 3 if quick else 15
-    lists = timed(server, load, cpu, "list", count / 1e3, ["list", "many", str(count)],
-                  "list_ms")
-    counted = lists[1:] if len(lists) > 1 else lists
-    res["list"] = median(counted)
-    res["spread"]["list"] = (min(counted), max(counted))
-    res["runs"], more = transfers(server, load, home, quick)
-    cpu.update(more)
+RUN_LABELS = [("retr", "RETR"), ("stor", "STOR"), ("par", "32 x 64 MiB"),
+              ("logins", "login rounds"), ("list", "LIST")]
+
+
+def one_round(server, load, home, quick, parts):
+    """One round of a server's workloads in one mode: logins and LIST when `parts` names them,
+    then the transfers. Returns the values of every run ({key: [...]}) and the CPU seconds per
+    unit of the server and the client ({key: [s], "client " + key: [s]})."""
+    runs, cpu = {}, {}
+    if "logins" in parts:
+        log("  logins ...")
+        seconds = 2 if quick else 5
+        before = server.cpu_seconds()
+        rate = median(load.values(["logins", str(LOGIN_CLIENTS), str(seconds)],
+                                  "logins_per_s"))
+        runs["logins"] = [rate]
+        logins = max(1.0, rate * seconds)
+        cpu["logins"] = [spent_since(server, before) / logins * 1e3]
+        cpu["client logins"] = [load.client_cpu / logins * 1e3]
+    if "list" in parts:
+        log("  list ...")
+        count = 3 if quick else 15
+        lists = timed(server, load, cpu, "list", count / 1e3, ["list", "many", str(count)],
+                      "list_ms")
+        runs["list"] = lists[1:] if len(lists) > 1 else lists  # the first warms the caches
+    more_runs, more_cpu = transfers(server, load, home, quick)
+    runs.update(more_runs)
+    cpu.update(more_cpu)
+    return runs, cpu
+
+
+def measure(server, load, home, quick, extra, parts):
+    """The figures of one server in its first round, and the CPU time it spent on each
+    workload per unit of work (which the machine's other load does not change much). `parts`
+    names the workloads besides the transfers: "logins", "list", "idle"."""
+    res, notes = {"spread": {}}, []
+    res["runs"], cpu = one_round(server, load, home, quick, parts)
+    if "idle" not in parts:
+        return res, cpu, notes
     log("  idle sessions ...")
     base = server.pss_kib()
     pss, processes, _ = load.idle(IDLE_SESSIONS)
@@ -668,7 +752,9 @@ def best_peer(results, peers, key, higher):
     return name, value
 
 
-def report(results, peers, notes):
+def report(results, peers, notes, title, anchors):
+    """The table of one data connection mode: every figure of every server, and Orvane's
+    ratio to the best peer (without peers, to the anchors when given)."""
     names = ["Orvane"] + peers
     width = 22
     head = "%-28s %5s " % ("figure (median, min-max)", "unit") + "".join(
@@ -678,10 +764,13 @@ def report(results, peers, notes):
     else:
         head += "%11s %7s %7s" % ("anchor", "ratio", "goal")
     log("")
+    log(title)
     log(head)
     log("-" * len(head))
     verdicts = []
     for key, label, unit, higher, goal in FIGURES:
+        if key not in results["Orvane"]:
+            continue
         row = "%-28s %5s " % (label, unit)
         for n in names:
             r = results.get(n, {})
@@ -689,9 +778,11 @@ def report(results, peers, notes):
         ours = results["Orvane"][key]
         if peers:
             who, best = best_peer(results, peers, key, higher)
-        else:
+        elif anchors:
             best = ANCHOR_BEST[key]
             who = "%.1f" % best
+        else:
+            who, best = None, None
         text, r = ratio_text(ours, best, higher)
         ok = r is not None and (r >= goal if higher else r <= goal)
         goal_text = ("%s%.1fx" % (">=" if higher else "<=", goal))
@@ -712,8 +803,42 @@ CPU_FIGURES = [("retr", "RETR", "s/GiB"), ("stor", "STOR", "s/GiB"),
 CPU_GOALS = {"retr": ("retr", 0.8), "stor": ("stor", 0.8), "par": ("par", 0.8)}
 
 
-def report_cpu(cpus, names, results):
+# The figures compared between the data connection modes of one server.
+MODE_FIGURES = [(key, label, higher) for key, label, _, higher, _ in FIGURES if key != "mem"]
+MODE_GOAL = 0.95
+
+
+def report_modes(results, names, modes):
+    """Each server's figures of the second mode as a share of those of the first, as speeds
+    (for LIST, whose figure is a time, the inverse): 1.00x is as fast."""
+    first, second = modes[0], modes[1]
     log("")
+    log("%s against %s, the same server: %s speed / %s speed (median against median; goal "
+        "for Orvane >= %.2fx)" % (second, first, second, first, MODE_GOAL))
+    width = 14
+    head = "%-28s" % "figure" + "".join("%*s" % (width, n) for n in names)
+    log(head)
+    log("-" * len(head))
+    for key, label, higher in MODE_FIGURES:
+        if key not in results[first].get("Orvane", {}):
+            continue
+        row = "%-28s" % label
+        for n in names:
+            a = results[first].get(n, {}).get(key)
+            b = results[second].get(n, {}).get(key)
+            if not a or not b or a != a or b != b:
+                row += "%*s" % (width, "-")
+                continue
+            r = b / a if higher else a / b
+            mark = "" if n != "Orvane" else (" ok" if r >= MODE_GOAL else " LOW")
+            row += "%*s" % (width, "%.2fx%s" % (r, mark))
+        log(row)
+
+
+def report_cpu(cpus, names, results, title=""):
+    log("")
+    if title:
+        log(title)
     log("CPU time per unit of work, of the server and of the load client against it (median "
         "of the rounds, min-max; less affected by the machine's other load than the rates). "
         "The ratio compares Orvane's server time with that of the peer with the best rate:")
@@ -753,7 +878,19 @@ def main():
                     help="also unpack, start and measure vsftpd, proftpd and pure-ftpd")
     ap.add_argument("--quick", action="store_true", help="one run of each workload")
     ap.add_argument("--server", help="the Orvane binary to measure (default: BUILD/orvane-server)")
+    ap.add_argument("--modes", default=None,
+                    help="data connection modes, in order: active, passive or active,passive "
+                         "(default: active; passive with --tls)")
+    ap.add_argument("--passive", action="store_true", help="the same as --modes active,passive")
+    ap.add_argument("--tls", action="store_true",
+                    help="FTPS (AUTH TLS, PROT P): the transfers and idle sessions under TLS; "
+                         "the peers are vsftpd and proftpd")
     args = ap.parse_args()
+    if args.passive:
+        args.modes = "active,passive"
+    modes = (args.modes or ("passive" if args.tls else "active")).split(",")
+    if any(m not in ("active", "passive") for m in modes) or len(set(modes)) != len(modes):
+        sys.exit("--modes: active, passive or both, each once")
 
     args.build = os.path.abspath(args.build)
     binary = os.path.abspath(args.server or os.path.join(args.build, "orvane-server"))
@@ -777,68 +914,89 @@ def main():
     if args.peers:
         ensure_account(home)
         roots = unpack_peers(work)
+    setup = Setup(passive="passive" in modes, tls=make_certificate(work) if args.tls else None)
+    # Under TLS only the transfers and the idle sessions are measured; in the clear, also
+    # logins and LIST, in every mode; the idle sessions once per server, in the first mode.
+    parts = set() if args.tls else {"logins", "list"}
+    extra_for_orvane = not args.tls  # the 10,000 idle sessions
 
     conf_root = tempfile.mkdtemp(prefix="orvane-bench-conf-", dir=work)
     os.chmod(conf_root, 0o755)
-    results, cpus, notes = {}, {}, []
+    results = {m: {} for m in modes}
+    cpus = {m: {} for m in modes}
+    notes = []
     try:
-        servers = [Orvane(home, os.path.join(conf_root, "orvane"), binary)]
+        servers = [Orvane(home, os.path.join(conf_root, "orvane"), setup, binary)]
         if args.peers:
-            servers += [Vsftpd(home, os.path.join(conf_root, "vsftpd"), roots["vsftpd"]),
-                        Proftpd(home, os.path.join(conf_root, "proftpd"), roots["proftpd"]),
-                        PureFtpd(home, os.path.join(conf_root, "pure-ftpd"),
-                                 roots["pure-ftpd"])]
+            servers += [Vsftpd(home, os.path.join(conf_root, "vsftpd"), setup, roots["vsftpd"]),
+                        Proftpd(home, os.path.join(conf_root, "proftpd"), setup,
+                                roots["proftpd"])]
+            if not args.tls:
+                servers.append(PureFtpd(home, os.path.join(conf_root, "pure-ftpd"), setup,
+                                        roots["pure-ftpd"]))
         for server in servers:
-            log("%s (load average %s) ..." % (server.name, load_average()))
             server.start()
             try:
-                results[server.name], cpus[server.name], n = measure(
-                    server, Load(load_binary, server), home, args.quick,
-                    extra=server.name == "Orvane")
-                notes += n
+                for k, mode in enumerate(modes):
+                    log("%s, %s mode (load average %s) ..."
+                        % (server.name, mode, load_average()))
+                    more = parts | ({"idle"} if k == 0 else set())
+                    res, cpu, n = measure(server, Load(load_binary, server, mode), home,
+                                          args.quick,
+                                          extra_for_orvane and k == 0 and
+                                          server.name == "Orvane", more)
+                    results[mode][server.name], cpus[mode][server.name] = res, cpu
+                    notes += n
+                for mode in modes[1:]:  # the idle sessions do not depend on the mode
+                    for key in ("mem", "many"):
+                        if key in results[modes[0]][server.name]:
+                            results[mode][server.name][key] = results[modes[0]][server.name][key]
             finally:
                 server.stop()
         # The machine's state drifts during a run (other load, and uploads get cheaper as more
         # of its memory has been used once), which favours whichever server happens to run at a
-        # good moment. So with peers the transfers run in ROUNDS rounds, every other one in the
-        # reverse order, and each figure is the median of all of a server's runs; the CPU
-        # figures are the median of the rounds.
+        # good moment. So with peers every workload but the idle sessions runs in ROUNDS rounds,
+        # every other one in the reverse order (of the servers and of the modes), and each
+        # figure is the median of all of a server's runs; the CPU figures are the median of the
+        # rounds.
         if len(servers) > 1:
-            rounds = {server.name: 1 for server in servers}
             for round_no in range(2, ROUNDS + 1):
-                order = reversed(servers) if round_no % 2 == 0 else servers
-                for server in order:
+                backwards = round_no % 2 == 0
+                for server in (reversed(servers) if backwards else servers):
                     name = server.name
-                    log("%s, transfers round %d (load average %s) ..."
-                        % (name, round_no, load_average()))
                     try:
                         server.start()
-                        rates, more = transfers(server, Load(load_binary, server), home,
-                                                args.quick)
+                        for mode in (reversed(modes) if backwards else modes):
+                            log("%s, %s mode, round %d (load average %s) ..."
+                                % (name, mode, round_no, load_average()))
+                            rates, more = one_round(server, Load(load_binary, server, mode),
+                                                    home, args.quick, parts)
+                            for key, values in rates.items():
+                                results[mode][name]["runs"][key] += values
+                            for key, value in more.items():
+                                cpus[mode][name][key] += value
                     except RuntimeError as e:
                         # A server that fails now keeps its other rounds rather than costing
                         # the whole run.
-                        notes.append("%s: transfers round %d failed, left out: %s"
+                        notes.append("%s: round %d failed, left out: %s"
                                      % (name, round_no, e))
                         continue
                     finally:
                         server.stop()
-                    for key, values in rates.items():
-                        results[name]["runs"][key] += values
-                    rounds[name] += 1
-                    for key, value in more.items():
-                        cpus[name][key] += value
-        for name in results:
-            runs = results[name]["runs"]
-            for key, values in runs.items():
-                results[name][key] = median(values)
-                results[name]["spread"][key] = (min(values), max(values))
-            notes.append("%s: medians of %d RETR, %d STOR and %d 32 x 64 MiB runs"
-                         % (name, len(runs["retr"]), len(runs["stor"]), len(runs["par"])))
+        for mode in modes:
+            for name in results[mode]:
+                runs = results[mode][name]["runs"]
+                for key, values in runs.items():
+                    results[mode][name][key] = median(values)
+                    results[mode][name]["spread"][key] = (min(values), max(values))
+                notes.append("%s, %s mode: medians of %s" % (name, mode, ", ".join(
+                    "%d %s" % (len(runs[k]), label) for k, label in RUN_LABELS if k in runs)))
     finally:
         shutil.rmtree(conf_root, ignore_errors=True)
 
-    if os.access(os.path.join(args.build, "bench", "tree_build"), os.X_OK):
+    if args.tls:
+        pass  # the start-up tree build has nothing to do with FTPS
+    elif os.access(os.path.join(args.build, "bench", "tree_build"), os.X_OK):
         log("tree build ...")
         ratio, _ = tree_build(args.build, work, args.quick)
         notes.append("start-up tree build of 100,000 files / find walk: %.2fx (goal <=2.0x)"
@@ -847,9 +1005,16 @@ def main():
         notes.append("tree build: %s/bench/tree_build is not built" % args.build)
     notes.append("load average at end: %s; %.0f s in all" % (load_average(),
                                                              time.monotonic() - started))
-    report(results, [s.name for s in servers[1:]], notes)
-    report_cpu(cpus, [s.name for s in servers], results)
-
+    names = [s.name for s in servers]
+    kind = "FTPS (TLS %s, %s)" % (TLS_VERSION, TLS_CIPHER) if args.tls else "FTP"
+    for k, mode in enumerate(modes):
+        last = k == len(modes) - 1
+        report(results[mode], names[1:], notes if last else [],
+               "%s, %s mode:" % (kind, mode), anchors=not args.tls and mode == "active")
+    if len(modes) > 1:
+        report_modes(results, names, modes)
+    for mode in modes:
+        report_cpu(cpus[mode], names, results[mode], "%s, %s mode:" % (kind, mode))
 
 if __name__ == "__main__":
     main()

@@ -1,8 +1,8 @@
-// Load client for the FTP comparison (ftp_bench.py drives it). It speaks plain active-mode FTP
-// to any server on 127.0.0.1, so the same workloads run against every server, and it is kept
-// cheap so that it is not what a figure measures: downloads are read in 1 MiB calls (one copy
-// to user space, as any client makes), uploads send the source's first MiB over and over, and
-// every client is a thread of its own doing blocking calls.
+// Load client for the FTP comparisons (ftp_bench.py drives it). It speaks FTP to any server on
+// 127.0.0.1, so the same workloads run against every server, and it is kept cheap so that it is
+// not what a figure measures: downloads are read in 1 MiB calls (one copy to user space, as any
+// client makes), uploads send the source's first MiB over and over, and every client is a thread
+// of its own doing blocking calls.
 //
 //   ftp_load PORT USER PASSWORD MODE [ARGS...]
 //     retr FILE SIZE RUNS          download FILE RUNS times, one after the other
@@ -13,6 +13,14 @@
 //     logins CLIENTS SECONDS       connect+USER+PASS+QUIT in a loop on CLIENTS threads
 //     list DIR RUNS                LIST DIR, RUNS times
 //     idle SESSIONS                hold SESSIONS logged-in sessions until a line on stdin
+//
+// The environment chooses how the data connections are made and protected:
+//   FTP_LOAD_PASSIVE=1   EPSV and a connection to the server's port (default: PORT, the server
+//                        connects to the client)
+//   FTP_LOAD_TLS=1       AUTH TLS, PBSZ 0 and PROT P: control and data connections under TLS,
+//                        every data connection resuming the control connection's TLS session
+//   FTP_LOAD_TLS_VERSION 1.2 or 1.3 (default 1.2); FTP_LOAD_CIPHERS pins the cipher (an
+//                        OpenSSL cipher list for 1.2, a ciphersuite name for 1.3)
 //
 // With FTP_LOAD_SYNC=1 in the environment, retr, stor, par and list print "ready" once their
 // sessions are logged in and wait for a line on stdin before the work starts, so that the
@@ -31,9 +39,12 @@
 #include <cstring>
 #include <fcntl.h>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <poll.h>
 #include <string>
 #include <sys/resource.h>
@@ -100,34 +111,181 @@ class Fd {
     int fd_;
 };
 
-// One control connection with its own small read buffer.
+// How the data connections are made and protected, read once from the environment.
+struct Options {
+    bool passive = false;
+    bool tls = false;
+};
+
+bool env_on(const char* name) {
+    const char* v = std::getenv(name);
+    return v && std::strcmp(v, "1") == 0;
+}
+
+const Options& options() {
+    static const Options o{env_on("FTP_LOAD_PASSIVE"), env_on("FTP_LOAD_TLS")};
+    return o;
+}
+
+std::string ssl_errors() {
+    std::string text;
+    while (unsigned long e = ::ERR_get_error()) {
+        char buf[256];
+        ::ERR_error_string_n(e, buf, sizeof buf);
+        text += text.empty() ? "" : "; ";
+        text += buf;
+    }
+    return text;
+}
+
+// The one TLS client context. Certificates are not checked: every server runs on loopback with
+// the same self-signed certificate, and the figure is about the transfer, not the trust.
+SSL_CTX* tls_context() {
+    static SSL_CTX* ctx = [] {
+        SSL_CTX* c = ::SSL_CTX_new(::TLS_client_method());
+        if (!c)
+            fail("TLS context: " + ssl_errors());
+        const char* version = std::getenv("FTP_LOAD_TLS_VERSION");
+        int v = version && std::strcmp(version, "1.3") == 0 ? TLS1_3_VERSION : TLS1_2_VERSION;
+        ::SSL_CTX_set_min_proto_version(c, v);
+        ::SSL_CTX_set_max_proto_version(c, v);
+        if (const char* ciphers = std::getenv("FTP_LOAD_CIPHERS")) {
+            int ok = v == TLS1_3_VERSION ? ::SSL_CTX_set_ciphersuites(c, ciphers)
+                                         : ::SSL_CTX_set_cipher_list(c, ciphers);
+            if (!ok)
+                fail(std::string("cipher ") + ciphers + ": " + ssl_errors());
+        }
+        ::SSL_CTX_set_verify(c, SSL_VERIFY_NONE, nullptr);
+        ::SSL_CTX_set_mode(c, SSL_MODE_AUTO_RETRY);
+        return c;
+    }();
+    return ctx;
+}
+
+struct SslFree {
+    void operator()(SSL* s) const { ::SSL_free(s); }
+};
+struct SessionFree {
+    void operator()(SSL_SESSION* s) const { ::SSL_SESSION_free(s); }
+};
+using Session = std::unique_ptr<SSL_SESSION, SessionFree>;
+
+// A connected socket, in the clear or under TLS once `start_tls` has run.
+class Stream {
+  public:
+    explicit Stream(Fd fd) : fd_(std::move(fd)) {}
+
+    // The client's side of the TLS handshake; `resume` is the session a data connection must
+    // take over from its control connection.
+    void start_tls(SSL_SESSION* resume) {
+        ssl_.reset(::SSL_new(tls_context()));
+        if (!ssl_ || ::SSL_set_fd(ssl_.get(), fd_.get()) != 1)
+            fail("TLS setup: " + ssl_errors());
+        if (resume)
+            ::SSL_set_session(ssl_.get(), resume);
+        if (::SSL_connect(ssl_.get()) != 1)
+            fail("TLS handshake: " + ssl_errors());
+        if (resume && !::SSL_session_reused(ssl_.get())) {
+            errno = 0;
+            fail("the data connection's TLS session was not resumed");
+        }
+    }
+
+    Session session() const { return Session(ssl_ ? ::SSL_get1_session(ssl_.get()) : nullptr); }
+
+    // Up to `size` bytes; 0 at the end of the stream (a TLS peer that closes without its
+    // close_notify ends the stream as well: the byte count tells whether all came).
+    size_t read_some(char* p, size_t size, const char* what) {
+        for (;;) {
+            if (ssl_) {
+                errno = 0;
+                int n =
+                    ::SSL_read(ssl_.get(), p, static_cast<int>(std::min<size_t>(size, 1 << 30)));
+                if (n > 0)
+                    return static_cast<size_t>(n);
+                int e = ::SSL_get_error(ssl_.get(), n);
+                if (e == SSL_ERROR_ZERO_RETURN || (e == SSL_ERROR_SYSCALL && errno == 0))
+                    return 0;
+                fail(std::string("TLS receive on the ") + what + ": " + ssl_errors());
+            }
+            ssize_t n = ::recv(fd_.get(), p, size, 0);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                fail(std::string("receive on the ") + what);
+            return static_cast<size_t>(n);
+        }
+    }
+
+    void write_all(const char* p, size_t size, bool more, const char* what) {
+        while (size > 0) {
+            ssize_t n;
+            if (ssl_) {
+                n = ::SSL_write(ssl_.get(), p, static_cast<int>(std::min<size_t>(size, 1 << 30)));
+                if (n <= 0)
+                    fail(std::string("TLS send on the ") + what + ": " + ssl_errors());
+            } else {
+                n = ::send(fd_.get(), p, size, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
+                if (n < 0 && errno == EINTR)
+                    continue;
+                if (n <= 0)
+                    fail(std::string("send on the ") + what);
+            }
+            p += n;
+            size -= static_cast<size_t>(n);
+        }
+    }
+
+    // Ends the stream: under TLS with a close_notify, so that an upload's end is a clean one.
+    void close() {
+        if (ssl_ && fd_.get() >= 0)
+            ::SSL_shutdown(ssl_.get());
+        ssl_.reset();
+        fd_.reset();
+    }
+
+    ~Stream() { close(); }
+    Stream(Stream&&) = default;
+    Stream& operator=(Stream&&) = default;
+
+  private:
+    Fd fd_;
+    std::unique_ptr<SSL, SslFree> ssl_;
+};
+
+Fd connect_to(const sockaddr_in& sa, const char* what) {
+    Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0)
+        fail("socket");
+    set_timeouts(fd.get());
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0)
+        fail(std::string("connect to the ") + what);
+    return fd;
+}
+
+Fd control_socket(int port) {
+    Fd fd = connect_to(loopback(port), "server");
+    int one = 1;
+    ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    return fd;
+}
+
+// One control connection with its own small read buffer; under TLS from AUTH TLS on when the
+// options ask for it.
 class Control {
   public:
-    explicit Control(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        if (fd_.get() < 0)
-            fail("socket");
-        set_timeouts(fd_.get());
-        int one = 1;
-        ::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        sockaddr_in sa = loopback(port);
-        if (::connect(fd_.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
-            fail("connect to the server");
+    explicit Control(int port) : stream_(control_socket(port)) {
         expect(220, "greeting");
+        if (options().tls) {
+            send_line("AUTH TLS");
+            expect(234, "AUTH TLS");
+            stream_.start_tls(nullptr);
+        }
     }
 
     void send_line(const std::string& line) {
         std::string text = line + "\r\n";
-        const char* p = text.data();
-        size_t left = text.size();
-        while (left > 0) {
-            ssize_t n = ::send(fd_.get(), p, left, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0)
-                fail("send on the control connection");
-            p += n;
-            left -= static_cast<size_t>(n);
-        }
+        stream_.write_all(text.data(), text.size(), false, "control connection");
     }
 
     // The code of the next complete reply (multi-line replies end with "ddd ").
@@ -157,6 +315,12 @@ class Control {
         expect(331, "USER");
         send_line("PASS " + password);
         expect(230, "PASS");
+        if (options().tls) {
+            send_line("PBSZ 0");
+            expect(200, "PBSZ");
+            send_line("PROT P");
+            expect(200, "PROT P");
+        }
     }
 
     // Waits for the server to close after QUIT, so that a session is over when this returns.
@@ -164,9 +328,17 @@ class Control {
         send_line("QUIT");
         expect(221, "QUIT");
         char sink[512];
-        while (::recv(fd_.get(), sink, sizeof sink, 0) > 0) {
+        try {
+            while (stream_.read_some(sink, sizeof sink, "control connection") > 0) {
+            }
+        } catch (const Failure&) {
+            // A TLS server may simply close after its 221; the session is over either way.
         }
     }
+
+    // The TLS session a data connection resumes (none in the clear). Taken after the login, by
+    // when the server's session tickets have been read.
+    Session tls_session() const { return stream_.session(); }
 
     const std::string& last() const { return last_; }
 
@@ -180,20 +352,17 @@ class Control {
                 return line;
             }
             char chunk[4096];
-            ssize_t n = ::recv(fd_.get(), chunk, sizeof chunk, 0);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0) {
-                if (n == 0)
-                    errno = 0;
+            size_t n = stream_.read_some(chunk, sizeof chunk, "control connection");
+            if (n == 0) {
+                errno = 0;
                 fail("control connection ended while waiting for a reply (last \"" + last_ +
                      "\", pending \"" + buffer_ + "\")");
             }
-            buffer_.append(chunk, static_cast<size_t>(n));
+            buffer_.append(chunk, n);
         }
     }
 
-    Fd fd_;
+    Stream stream_;
     std::string buffer_;
     std::string last_;
 };
@@ -240,39 +409,35 @@ class DataListener {
     int port_ = 0;
 };
 
+// The port of a "229 Entering Extended Passive Mode (|||port|)" reply; 0 if there is none.
+int epsv_port(const std::string& reply) {
+    size_t open = reply.find("(|||");
+    if (open == std::string::npos)
+        return 0;
+    int port = std::atoi(reply.c_str() + open + 4);
+    return port > 0 && port < 65536 ? port : 0;
+}
+
 // Reads a data connection to its end. The bytes are copied into user space, as every real
 // client does (the copy is part of what a loopback download costs); the buffer is large, so
 // that the client makes few calls.
-long long drain(int fd) {
+long long drain(Stream& data) {
     static thread_local std::vector<char> block(1 << 20);
     long long total = 0;
-    for (;;) {
-        ssize_t n = ::recv(fd, block.data(), block.size(), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            fail("receive on the data connection");
-        if (n == 0)
-            return total;
-        total += n;
-    }
+    while (size_t n = data.read_some(block.data(), block.size(), "data connection"))
+        total += static_cast<long long>(n);
+    return total;
 }
 
 // Reads a listing, counting its lines.
-long long read_counting_lines(int fd, long long& lines) {
+long long read_counting_lines(Stream& data, long long& lines) {
     std::vector<char> block(1 << 16);
     long long total = 0;
-    for (;;) {
-        ssize_t n = ::recv(fd, block.data(), block.size(), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            fail("receive on the data connection");
-        if (n == 0)
-            return total;
+    while (size_t n = data.read_some(block.data(), block.size(), "data connection")) {
         lines += std::count(block.data(), block.data() + n, '\n');
-        total += n;
+        total += static_cast<long long>(n);
     }
+    return total;
 }
 
 struct Target {
@@ -289,27 +454,46 @@ std::unique_ptr<Control> session(const Target& t) {
     return c;
 }
 
-// PORT, then `command` (RETR, STOR or LIST with its argument); returns the data connection the
-// server has made once its 150 (or 125) is in.
-Fd open_data(Control& c, const std::string& command) {
-    DataListener listener;
-    c.send_line(listener.port_command());
-    c.expect(200, "PORT");
+// `command` (RETR, STOR or LIST with its argument) with a data connection made the way the
+// options say; returns it once the server's 150 (or 125) is in, under TLS when asked.
+Stream open_data(Control& c, const std::string& command) {
+    Fd fd;
+    std::unique_ptr<DataListener> listener;
+    if (options().passive) {
+        c.send_line("EPSV");
+        c.expect(229, "EPSV");
+        int port = epsv_port(c.last());
+        if (port == 0) {
+            errno = 0;
+            fail("EPSV reply without a port: \"" + c.last() + "\"");
+        }
+        // Connected before the command, as clients do; the server accepts it meanwhile.
+        fd = connect_to(loopback(port), "passive data port");
+    } else {
+        listener = std::make_unique<DataListener>();
+        c.send_line(listener->port_command());
+        c.expect(200, "PORT");
+    }
     c.send_line(command);
     int code = c.reply();
     if (code != 150 && code != 125) {
         errno = 0;
         fail(command + ": \"" + c.last() + "\"");
     }
-    return listener.accept_one();
+    if (listener)
+        fd = listener->accept_one();
+    Stream data(std::move(fd));
+    if (options().tls)
+        data.start_tls(c.tls_session().get());
+    return data;
 }
 
 // One download; returns the bytes received. The time ends when both the data and the 226 are
 // in.
 long long download(Control& c, const std::string& file) {
-    Fd data = open_data(c, "RETR " + file);
-    long long bytes = drain(data.get());
-    data.reset(); // some servers wait for the client's close before their 226
+    Stream data = open_data(c, "RETR " + file);
+    long long bytes = drain(data);
+    data.close(); // some servers wait for the client's close before their 226
     c.expect(226, "end of RETR");
     return bytes;
 }
@@ -319,7 +503,7 @@ void upload(Control& c, const std::string& source, const std::string& name, long
     struct stat st {};
     if (file.get() < 0 || ::fstat(file.get(), &st) != 0)
         fail("open " + source);
-    Fd data = open_data(c, "STOR " + name);
+    Stream data = open_data(c, "STOR " + name);
     // The source's first MiB, sent over and over with MSG_MORE until the source's size has gone.
     // On loopback the sender pays for most of a stream: with a read of the file per block the
     // client would be the bottleneck of an upload (the read copy was a third of its CPU time),
@@ -332,18 +516,9 @@ void upload(Control& c, const std::string& source, const std::string& name, long
     while (bytes < st.st_size) {
         ssize_t n = static_cast<ssize_t>(std::min<long long>(filled, st.st_size - bytes));
         bytes += n;
-        int flags = MSG_NOSIGNAL | (bytes < st.st_size ? MSG_MORE : 0);
-        for (ssize_t sent = 0; sent < n;) {
-            ssize_t m =
-                ::send(data.get(), block.data() + sent, static_cast<size_t>(n - sent), flags);
-            if (m < 0 && errno == EINTR)
-                continue;
-            if (m <= 0)
-                fail("send on the data connection");
-            sent += m;
-        }
+        data.write_all(block.data(), static_cast<size_t>(n), bytes < st.st_size, "data connection");
     }
-    data.reset();
+    data.close();
     c.expect(226, "end of STOR");
 }
 
@@ -513,10 +688,10 @@ int run_list(const Target& t, const std::string& dir, int runs) {
     ready();
     for (int i = 0; i < runs; ++i) {
         auto start = Clock::now();
-        Fd data = open_data(*c, "LIST " + dir);
+        Stream data = open_data(*c, "LIST " + dir);
         long long lines = 0;
-        read_counting_lines(data.get(), lines);
-        data.reset();
+        read_counting_lines(data, lines);
+        data.close();
         c->expect(226, "end of LIST");
         print("list_ms", seconds_since(start) * 1000.0);
         print("list_lines", static_cast<double>(lines));

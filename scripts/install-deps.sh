@@ -14,7 +14,10 @@ packages=(
   openssl testssl.sh
 )
 if [ "${ORVANE_BENCH_PEERS:-0}" = 1 ]; then
-  packages+=(vsftpd proftpd-core pure-ftpd)
+  # The FTP peers (ftp_bench.py unpacks its own copies; proftpd's TLS module is for --tls),
+  # and OpenSSH's server and client with sshpass for sftp_bench.py.
+  packages+=(vsftpd proftpd-core proftpd-mod-crypto pure-ftpd openssh-server openssh-client
+             sshpass)
 fi
 
 missing=()
