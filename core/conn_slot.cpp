@@ -5,6 +5,7 @@
 #include "core/slot_socket.hpp"
 #include "platform/net.hpp"
 
+#include <cstring>
 #include <sys/socket.h>
 
 namespace orv {
@@ -22,6 +23,16 @@ ConnSlot::ConnSlot(Service s, int socket_number) : service(s), socket(socket_num
 }
 
 ConnSlot::~ConnSlot() = default;
+
+void ConnSlot::take_peer_address(int fd) {
+    uint32_t addr = 0;
+    int port = 0;
+    if (peer_ipv4(fd, addr, port)) {
+        std::memcpy(peer.data(), &addr, sizeof addr);
+        peer_known = true;
+    }
+    peer_text = peer_address_text(fd);
+}
 
 std::shared_ptr<User> ConnSlot::user() const {
     std::lock_guard lock(mutex_);

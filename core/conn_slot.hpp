@@ -56,6 +56,9 @@ class ConnSlot {
     bool peer_known = false;
     // The peer's address as text (IPv4 dotted or IPv6), for logs and "who".
     std::string peer_text;
+    // Fills the three fields above from the accepted socket (event thread, before the slot is
+    // shared).
+    void take_peer_address(int fd);
     // FTP sessions with the newer command set on: their passive listener, restart offset and
     // the like. Set before the session reads its first command; null otherwise.
     std::shared_ptr<FtpSessionExtras> ftp_extras;

@@ -63,13 +63,7 @@ void open_session(const FtpContextPtr& ctx, asio::ip::tcp::socket socket, int so
     auto slot = std::make_shared<ConnSlot>(Service::Ftp, socket_number);
     if (server.settings.ext.ftp_modern)
         start_modern_session(ctx, slot, socket_number);
-    uint32_t addr = 0;
-    int port = 0;
-    if (peer_ipv4(socket_number, addr, port)) {
-        std::memcpy(slot->peer.data(), &addr, sizeof addr);
-        slot->peer_known = true;
-    }
-    slot->peer_text = peer_address_text(socket_number);
+    slot->take_peer_address(socket_number);
     slot->attach_control(std::make_unique<SlotSocket>(std::move(socket)));
     server.conns.add(slot);
     ctx->last_accepted = slot;

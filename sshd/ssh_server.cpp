@@ -91,14 +91,7 @@ void SshServer::accept(asio::ip::tcp::socket socket, int socket_number) {
         return;
     }
     auto slot = std::make_shared<ConnSlot>(Service::Ssh, socket_number);
-    uint32_t addr = 0;
-    int port = 0;
-    if (peer_ipv4(socket_number, addr, port)) {
-        const auto* b = reinterpret_cast<const uint8_t*>(&addr);
-        slot->peer = {b[0], b[1], b[2], b[3]};
-        slot->peer_known = true;
-    }
-    slot->peer_text = peer_address_text(socket_number);
+    slot->take_peer_address(socket_number);
 
     asio::error_code ec;
     asio::ip::tcp::socket shell_end(server_.io());

@@ -102,14 +102,7 @@ void accept_telnet_conn(Server& server, asio::ip::tcp::socket socket, int socket
         return;
     }
     auto slot = std::make_shared<ConnSlot>(Service::Telnet, socket_number);
-    uint32_t addr = 0;
-    int port = 0;
-    if (peer_ipv4(socket_number, addr, port)) {
-        const auto* b = reinterpret_cast<const uint8_t*>(&addr);
-        slot->peer = {b[0], b[1], b[2], b[3]};
-        slot->peer_known = true;
-    }
-    slot->peer_text = peer_address_text(socket_number);
+    slot->take_peer_address(socket_number);
     slot->attach_control(std::make_unique<SlotSocket>(std::move(socket)));
     server.conns.add(slot);
     const unsigned char will_echo[] = {kIac, kWill, kOptEcho};
