@@ -13,8 +13,8 @@ import subprocess
 import time
 import unittest
 
-from hostile_support import (WAIT, ClientTestCase, Server, expect, main, pattern_bytes,
-                             wait_until)
+from hostile_support import (WAIT, ClientTestCase, Server, expect, free_port, main,
+                             pattern_bytes, wait_until)
 
 BIG = pattern_bytes(5 * 1024 * 1024 + 33, 11)
 HELLO = b"Hello over TLS\r\n"
@@ -248,7 +248,7 @@ class Policies(unittest.TestCase):
             server.close()
 
     def test_implicit_port(self):
-        port = random.randrange(40000, 49000)
+        port = free_port()  # a random port could be one an outgoing connection holds
         server = ftps_server({"ftps_implicit_port": port})
         try:
             self.assertTrue(server.wait_log("  FTPS - Ok.  port %d" % port))
