@@ -17,11 +17,9 @@
 
 namespace orv {
 
-namespace {
-
-ListedEntry entry_of(const User* user, const VfsNode& node, std::string shown, ListingKind kind) {
+ListedEntry listed_entry(const VfsNode& node) {
     ListedEntry e;
-    e.name = std::move(shown);
+    e.name = node.name;
     e.kind = node.is_dir() ? 'd' : '-';
     e.flags = node.flags;
     e.owner = node.owner ? node.owner->name : "root";
@@ -32,6 +30,14 @@ ListedEntry entry_of(const User* user, const VfsNode& node, std::string shown, L
         for (const NodePtr& child : node.children)
             e.links += child->is_dir() ? 1 : 0;
     }
+    return e;
+}
+
+namespace {
+
+ListedEntry entry_of(const User* user, const VfsNode& node, std::string shown, ListingKind kind) {
+    ListedEntry e = listed_entry(node);
+    e.name = std::move(shown);
     if (kind == ListingKind::Machine)
         e.perm = perm_fact(user, node);
     return e;

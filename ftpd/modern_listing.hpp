@@ -39,6 +39,8 @@ ListedDir collect_listing(const Server& server, const User* user, const NodePtr&
                           const std::string& path, ListingKind kind);
 
 // One "ls -l" line: "-rw-r--r--   1 owner    group        1234 Nov 25 00:15 name\r\n".
+// A node's columns as listings show them (call with the tree lock held).
+ListedEntry listed_entry(const VfsNode& node);
 std::string ls_line(const ListedEntry& e, const struct stat* st, std::time_t now);
 // One MLSx line without its leading blank: "type=file;size=...; name\r\n". `facts` selects
 // (as OPTS MLST set them).

@@ -50,22 +50,6 @@ uint32_t wire_id(int16_t id) {
     return static_cast<uint16_t>(id);
 }
 
-ListedEntry listed_entry(const VfsNode& node) {
-    ListedEntry e;
-    e.name = node.name;
-    e.kind = node.is_dir() ? 'd' : '-';
-    e.flags = node.flags;
-    e.owner = node.owner ? node.owner->name : "root";
-    e.group = node.group ? node.group->name : "none";
-    e.size = node.size;
-    if (node.is_dir()) {
-        e.links = 2;
-        for (const NodePtr& child : node.children)
-            e.links += child->is_dir() ? 1 : 0;
-    }
-    return e;
-}
-
 std::string without_line_end(std::string line) {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.pop_back();
